@@ -1,10 +1,11 @@
 #include "sandbox/SyslogReader.h"
 
-#include <cerrno>
-#include <chrono>
-#include <cstring>
+#include "sandbox/SystemError.h"
+
+#include <cstdint>
+#include <exception>
 #include <poll.h>
-#include <stdexcept>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,69 +13,135 @@
 namespace Sandbox {
 
 namespace {
-std::runtime_error systemError(const std::string& what)
+
+int millisecondsUntil(std::chrono::steady_clock::time_point deadline)
 {
-    return std::runtime_error(what + ": " + std::strerror(errno));
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
+
 } // namespace
 
-SyslogReader::SyslogReader(const std::string& path) : socketPath(path)
+SyslogReader::SyslogReader(const std::string& path, Collection collection) : socketPath(path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof(address.sun_path)) {
-        throw std::runtime_error("syslog socket path too long: " + path);
+        throw std::runtime_error("SyslogReader: socket path too long: " + path);
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    socketFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (socketFd < 0) {
-        throw systemError("socket(AF_UNIX)");
+    path.copy(address.sun_path, path.size());
+    socketFd.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socketFd.valid()) {
+        throw systemError("SyslogReader: socket(AF_UNIX)");
     }
     unlink(path.c_str());
-    if (bind(socketFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        const auto error = systemError("bind " + path);
-        close(socketFd);
+    if (bind(socketFd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        throw systemError("SyslogReader: bind " + path);
+    }
+    // Bursts of records must not be dropped while nobody reads.
+    int size = 8 * 1024 * 1024;
+    if (setsockopt(socketFd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) != 0) {
+        const auto error = systemError("SyslogReader: setsockopt(SO_RCVBUFFORCE) on " + path);
+        unlink(path.c_str());
         throw error;
     }
-    // Bursts of records must not be dropped while a test is busy elsewhere.
-    int size = 8 * 1024 * 1024;
-    setsockopt(socketFd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
+    if (collection == Collection::Background) {
+        stopFd.reset(eventfd(0, EFD_CLOEXEC));
+        if (!stopFd.valid()) {
+            const auto error = systemError("SyslogReader: eventfd");
+            unlink(path.c_str());
+            throw error;
+        }
+        collector = std::thread(&SyslogReader::collect, this);
+    }
 }
 
 SyslogReader::~SyslogReader()
 {
-    if (socketFd >= 0) {
-        close(socketFd);
-        unlink(socketPath.c_str());
+    if (collector.joinable()) {
+        const uint64_t one = 1;
+        if (write(stopFd.get(), &one, sizeof(one)) != sizeof(one)) {
+            // Without the wake-up the join below would hang for ever.
+            std::terminate();
+        }
+        collector.join();
     }
+    unlink(socketPath.c_str());
+}
+
+void SyslogReader::receivePending()
+{
+    char buffer[65536];
+    for (;;) {
+        const ssize_t length = recv(socketFd.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+        if (length < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno != EAGAIN && failure.empty()) {
+                failure = systemError("SyslogReader: recv on " + socketPath).what();
+            }
+            return;
+        }
+        SyslogRecord record;
+        if (SyslogRecord::parse(std::string(buffer, static_cast<size_t>(length)), record)) {
+            arrived.push_back(record);
+        }
+    }
+}
+
+void SyslogReader::collect()
+{
+    for (;;) {
+        pollfd entries[] = {{socketFd.get(), POLLIN, 0}, {stopFd.get(), POLLIN, 0}};
+        const int ready = poll(entries, 2, -1);
+        const int error = errno;
+        std::lock_guard<std::mutex> lock(mutex);
+        if (ready < 0 && error != EINTR) {
+            failure = systemError("SyslogReader: poll on " + socketPath, error).what();
+        } else if (entries[1].revents == 0) {
+            receivePending();
+        }
+        arrival.notify_all();
+        if (!failure.empty() || entries[1].revents != 0) {
+            return;
+        }
+    }
+}
+
+bool SyslogReader::waitForSocket(std::unique_lock<std::mutex>& lock,
+                                 std::chrono::steady_clock::time_point deadline)
+{
+    if (collector.joinable()) {
+        return arrival.wait_until(lock, deadline) != std::cv_status::timeout;
+    }
+    pollfd entry{socketFd.get(), POLLIN, 0};
+    const int ready = poll(&entry, 1, millisecondsUntil(deadline));
+    if (ready < 0 && errno != EINTR) {
+        throw systemError("SyslogReader: poll on " + socketPath);
+    }
+    return ready != 0;
 }
 
 bool SyslogReader::next(SyslogRecord& record, int timeoutMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    char buffer[65536];
+    std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd entry{socketFd, POLLIN, 0};
-        const int ready = poll(&entry, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
-        if (ready < 0 && errno == EINTR) {
-            continue;
-        }
-        if (ready <= 0) {
-            return false;
-        }
-        const ssize_t length = recv(socketFd, buffer, sizeof(buffer), 0);
-        if (length < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            throw systemError("recv syslog");
-        }
-        std::string datagram(buffer, static_cast<size_t>(length));
-        if (SyslogRecord::parse(datagram, record)) {
+        // What is already queued counts even when the collector has not seen it yet.
+        receivePending();
+        if (!arrived.empty()) {
+            record = arrived.front();
+            arrived.pop_front();
             records.push_back(record);
             return true;
+        }
+        if (!failure.empty()) {
+            throw std::runtime_error(failure);
+        }
+        if (!waitForSocket(lock, deadline) && std::chrono::steady_clock::now() >= deadline) {
+            return false;
         }
     }
 }
@@ -85,9 +152,7 @@ bool SyslogReader::waitFor(const std::function<bool(const SyslogRecord&)>& match
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     SyslogRecord record;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (!next(record, left.count() > 0 ? static_cast<int>(left.count()) : 0)) {
+        if (!next(record, millisecondsUntil(deadline))) {
             return false;
         }
         if (match(record)) {

@@ -1,20 +1,36 @@
 // A stand-in for the system logger: a datagram socket bound at a path (the
 // /dev/log of a sandbox or of a private mount namespace) that hands out the
-// records it receives, one at a time, with a deadline.
+// records it receives, one at a time, with a deadline. A record that was sent
+// before next() is called is always there, also with a time-out of 0.
+// For another process's records (a sandboxed daemon) it can empty the socket
+// from a thread of its own, as a real syslog daemon does: the kernel queues
+// only a few datagrams, and a program that logs more than that while nobody
+// reads would block inside syslog().
 #pragma once
 
 #include "sandbox/SyslogRecord.h"
+#include "sandbox/UniqueFd.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Sandbox {
 
 class SyslogReader {
 public:
+    enum class Collection {
+        OnDemand,    // read only inside next(): no thread
+        Background,  // a thread reads at once; next() hands out what it has
+    };
+
     // Binds the socket; throws std::runtime_error on failure.
-    explicit SyslogReader(const std::string& socketPath);
+    explicit SyslogReader(const std::string& socketPath, Collection collection = Collection::OnDemand);
     ~SyslogReader();
     SyslogReader(const SyslogReader&) = delete;
     SyslogReader& operator=(const SyslogReader&) = delete;
@@ -39,8 +55,23 @@ public:
 
 private:
     std::string socketPath;
-    int socketFd = -1;
+    UniqueFd socketFd;
+    UniqueFd stopFd;  // eventfd that ends the collector thread
     std::vector<SyslogRecord> records;
+
+    // Shared with the collector thread; the socket is read only under the
+    // mutex, so records keep their order whoever reads them.
+    std::mutex mutex;
+    std::condition_variable arrival;
+    std::deque<SyslogRecord> arrived;
+    std::string failure;
+
+    std::thread collector;
+
+    void collect();
+    void receivePending();  // with the mutex held
+    bool waitForSocket(std::unique_lock<std::mutex>& lock,
+                       std::chrono::steady_clock::time_point deadline);
 };
 
 } // namespace Sandbox

@@ -1,0 +1,81 @@
+#include "common/logging/Logger.h"
+
+#include "common/logging/LoggerImplData.h"
+
+#include <syslog.h>
+
+namespace Common {
+namespace Logging {
+
+namespace {
+
+// Never destroyed: syslog keeps the pointer that openlog() was given until the
+// process ends, also while static destructors still log.
+std::string& processIdentity()
+{
+    static std::string* const identity = new std::string();
+    return *identity;
+}
+
+} // namespace
+
+Logger::Logger(const std::string& componentName)
+    : impl(std::make_unique<LoggerImplData>(componentName))
+{
+}
+
+Logger::~Logger() = default;
+
+std::ostream& Logger::debug()
+{
+    return impl->debugStream;
+}
+
+std::ostream& Logger::info()
+{
+    return impl->infoStream;
+}
+
+std::ostream& Logger::warn()
+{
+    return impl->warnStream;
+}
+
+std::ostream& Logger::error()
+{
+    return impl->errorStream;
+}
+
+std::ostream& Logger::fatal()
+{
+    return impl->fatalStream;
+}
+
+void Logger::setName(const std::string& componentName)
+{
+    for (LoggerStream* stream : {&impl->debugStream, &impl->infoStream, &impl->warnStream,
+                                 &impl->errorStream, &impl->fatalStream}) {
+        stream->buffer().setName(componentName);
+    }
+}
+
+void Logger::setFacility(int facility)
+{
+    for (LoggerStream* stream : {&impl->debugStream, &impl->infoStream, &impl->warnStream,
+                                 &impl->errorStream, &impl->fatalStream}) {
+        stream->buffer().setFacility(facility);
+    }
+}
+
+void Logger::openSyslog(const std::string& identity)
+{
+    std::string& stored = processIdentity();
+    if (!stored.empty()) {
+        return;
+    }
+    stored = identity;
+    openlog(stored.c_str(), 0, LOG_USER);
+}
+
+} // namespace Logging
+} // namespace Common

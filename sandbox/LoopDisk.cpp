@@ -1,0 +1,250 @@
+#include "sandbox/LoopDisk.h"
+
+#include "sandbox/Command.h"
+#include "sandbox/Namespaces.h"
+#include "sandbox/SystemError.h"
+
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+namespace Sandbox {
+
+namespace {
+
+dev_t deviceNumber(const std::string& sysfsDevFile)
+{
+    std::ifstream file(sysfsDevFile);
+    std::string text;
+    unsigned major = 0;
+    unsigned minor = 0;
+    if (!std::getline(file, text) || std::sscanf(text.c_str(), "%u:%u", &major, &minor) != 2) {
+        throw std::runtime_error("LoopDisk: no MAJOR:MINOR in " + sysfsDevFile);
+    }
+    return makedev(major, minor);
+}
+
+} // namespace
+
+LoopDisk::LoopDisk(const std::vector<Partition>& layout) : partitions(layout)
+{
+    if (layout.empty() || layout.size() > 4) {
+        throw std::invalid_argument("LoopDisk: an MBR holds 1 to 4 primary partitions");
+    }
+    makeWorkDirectory();
+    try {
+        const std::string image = node("image");
+        // One MiB ahead of the first partition, where sfdisk aligns it.
+        off_t mebibytes = 1;
+        std::string script = "label: dos\n";
+        for (const auto& partition : layout) {
+            mebibytes += partition.sizeMiB;
+            script += "size=" + std::to_string(partition.sizeMiB) + "MiB, type=83\n";
+        }
+        const UniqueFd file(open(image.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        if (!file.valid() || ftruncate(file.get(), mebibytes * 1024 * 1024) != 0) {
+            throw systemError("LoopDisk: creating the sparse image " + image);
+        }
+        Command::run({"sfdisk", "-q", image}, script);
+        attach(image);
+        // The loop device holds the data from now on; its memory goes with the device.
+        unlink(image.c_str());
+        addPartitions();
+        for (size_t number = 1; number <= partitions.size(); ++number) {
+            const std::string& fileSystem = partition(number).fileSystem;
+            if (!fileSystem.empty()) {
+                Command::run({"mkfs." + fileSystem, "-q", "-E", "nodiscard", node(partitionName(number))});
+            }
+        }
+    } catch (...) {
+        detach();
+        removeWorkDirectory();
+        throw;
+    }
+}
+
+LoopDisk::~LoopDisk()
+{
+    detach();
+    removeWorkDirectory();
+}
+
+bool LoopDisk::available(std::string& why)
+{
+    if (access("/sys/class/misc/loop-control/dev", R_OK) != 0) {
+        why = "loop devices are not available (no /sys/class/misc/loop-control)";
+        return false;
+    }
+    for (const char* tool : {"sfdisk", "partx", "mkfs.ext4"}) {
+        if (Command::find(tool).empty()) {
+            why = std::string(tool) + " is not installed";
+            return false;
+        }
+    }
+    return true;
+}
+
+void LoopDisk::makeWorkDirectory()
+{
+    // The tmpfs lives in the private mount namespace: should the test die, it goes with it.
+    Namespaces::enterPrivateMountNamespace();
+    char path[] = "/tmp/dhh-loopdisk-XXXXXX";
+    if (mkdtemp(path) == nullptr) {
+        throw systemError(std::string("LoopDisk: mkdtemp ") + path);
+    }
+    if (mount("dhh-loopdisk", path, "tmpfs", 0, "mode=0700") != 0) {
+        const auto error = systemError(std::string("LoopDisk: mount tmpfs on ") + path);
+        rmdir(path);
+        throw error;
+    }
+    workDirectory = path;
+}
+
+void LoopDisk::removeWorkDirectory() noexcept
+{
+    if (workDirectory.empty()) {
+        return;
+    }
+    if (umount2(workDirectory.c_str(), MNT_DETACH) != 0 || rmdir(workDirectory.c_str()) != 0) {
+        std::fprintf(stderr, "LoopDisk: removing %s: %s\n", workDirectory.c_str(), std::strerror(errno));
+    }
+    workDirectory.clear();
+}
+
+// Own nodes instead of the host's /dev: it may be a private tmpfs (the test
+// main's) or a container's, where new loop devices get no node.
+void LoopDisk::makeNode(const std::string& name, const std::string& sysfsDevFile) const
+{
+    const std::string path = node(name);
+    const mode_t type = name == "loop-control" ? S_IFCHR : S_IFBLK;
+    if (mknod(path.c_str(), type | 0600, deviceNumber(sysfsDevFile)) != 0 && errno != EEXIST) {
+        throw systemError("LoopDisk: mknod " + path);
+    }
+}
+
+void LoopDisk::attach(const std::string& imagePath)
+{
+    makeNode("loop-control", "/sys/class/misc/loop-control/dev");
+    UniqueFd control(open(node("loop-control").c_str(), O_RDWR | O_CLOEXEC));
+    if (!control.valid()) {
+        throw systemError("LoopDisk: open " + node("loop-control"));
+    }
+    UniqueFd backing(open(imagePath.c_str(), O_RDWR | O_CLOEXEC));
+    if (!backing.valid()) {
+        throw systemError("LoopDisk: open " + imagePath);
+    }
+    constexpr int attempts = 16;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        const int number = ioctl(control.get(), LOOP_CTL_GET_FREE);
+        if (number < 0) {
+            throw systemError("LoopDisk: ioctl(LOOP_CTL_GET_FREE)");
+        }
+        const std::string name = "loop" + std::to_string(number);
+        makeNode(name, "/sys/class/block/" + name + "/dev");
+        UniqueFd fd(open(node(name).c_str(), O_RDWR | O_CLOEXEC));
+        if (!fd.valid()) {
+            throw systemError("LoopDisk: open " + node(name));
+        }
+        loop_config config{};
+        config.fd = static_cast<__u32>(backing.get());
+        // Should the test process die, the kernel detaches the device once nothing holds it.
+        config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+        imagePath.copy(reinterpret_cast<char*>(config.info.lo_file_name), LO_NAME_SIZE - 1);
+        if (ioctl(fd.get(), LOOP_CONFIGURE, &config) == 0) {
+            loopName = name;
+            loopFd = std::move(fd);
+            return;
+        }
+        if (errno != EBUSY) {
+            throw systemError("LoopDisk: ioctl(LOOP_CONFIGURE) on " + name);
+        }
+        // Another process took the device between the two calls: ask for the next.
+    }
+    throw std::runtime_error("LoopDisk: no free loop device after " + std::to_string(attempts) + " attempts");
+}
+
+void LoopDisk::addPartitions()
+{
+    // Partitions left by a test process that died on this device make "partx -a" fail.
+    const std::string prefix = loopName + "p";
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block/" + loopName)) {
+        if (entry.path().filename().string().compare(0, prefix.size(), prefix) == 0) {
+            Command::run({"partx", "-d", node(loopName)});
+            break;
+        }
+    }
+    // The kernel's own scan ("losetup -P") does not add them everywhere; partx does.
+    Command::run({"partx", "-a", node(loopName)});
+    for (size_t number = 1; number <= partitions.size(); ++number) {
+        makeNode(partitionName(number), "/sys/class/block/" + partitionName(number) + "/dev");
+    }
+}
+
+void LoopDisk::detach() noexcept
+{
+    if (!loopFd.valid()) {
+        return;
+    }
+    try {
+        Command::run({"partx", "-d", node(loopName)});
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "LoopDisk: removing the partitions of %s: %s\n", loopName.c_str(), error.what());
+    }
+    // With others still holding the device this only defers the detach (autoclear).
+    if (ioctl(loopFd.get(), LOOP_CLR_FD) != 0) {
+        std::fprintf(stderr, "LoopDisk: ioctl(LOOP_CLR_FD) on %s: %s\n", loopName.c_str(), std::strerror(errno));
+    }
+    loopFd.reset();
+}
+
+const LoopDisk::Partition& LoopDisk::partition(size_t number) const
+{
+    if (number < 1 || number > partitions.size()) {
+        throw std::out_of_range("LoopDisk: no partition " + std::to_string(number) + " on " + loopName);
+    }
+    return partitions[number - 1];
+}
+
+std::string LoopDisk::partitionName(size_t number) const
+{
+    partition(number);
+    return loopName + "p" + std::to_string(number);
+}
+
+dev_t LoopDisk::partitionDevice(size_t number) const
+{
+    return deviceNumber("/sys/class/block/" + partitionName(number) + "/dev");
+}
+
+std::string LoopDisk::partitionDevpath(size_t number) const
+{
+    const std::string link = "/sys/class/block/" + partitionName(number);
+    const std::string target = std::filesystem::read_symlink(link).string();
+    // The link reads "../../devices/...": two levels up is the sysfs root.
+    if (target.compare(0, 5, "../..") != 0) {
+        throw std::runtime_error("LoopDisk: unexpected target of " + link + ": " + target);
+    }
+    return target.substr(5);
+}
+
+void LoopDisk::triggerUevent(size_t number, const std::string& action) const
+{
+    const std::string path = "/sys/class/block/" + partitionName(number) + "/uevent";
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        throw systemError("LoopDisk: open " + path);
+    }
+    if (write(fd.get(), action.data(), action.size()) != static_cast<ssize_t>(action.size())) {
+        throw systemError("LoopDisk: write \"" + action + "\" to " + path);
+    }
+}
+
+} // namespace Sandbox

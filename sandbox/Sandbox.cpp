@@ -1,0 +1,360 @@
+#include "sandbox/Sandbox.h"
+
+#include "sandbox/IsolatedNetwork.h"
+#include "sandbox/Namespaces.h"
+#include "sandbox/SystemError.h"
+#include "sandbox/UeventSender.h"
+#include "sandbox/UniqueFd.h"
+
+#include <chrono>
+#include <cstdio>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/sysmacros.h>
+#include <thread>
+#include <unistd.h>
+
+namespace Sandbox {
+
+namespace {
+
+std::string hostFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw std::runtime_error("Sandbox: cannot read " + path);
+    }
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+void checkInside(const std::string& insidePath)
+{
+    if (insidePath.empty() || insidePath[0] != '/') {
+        throw std::invalid_argument("Sandbox: inside paths are absolute: \"" + insidePath + "\"");
+    }
+}
+
+} // namespace
+
+std::vector<std::string> Sandbox::defaultPortDirectories()
+{
+    std::vector<std::string> names;
+    for (int hub = 1; hub <= 2; ++hub) {
+        for (int port = 1; port <= 7; ++port) {
+            names.push_back("usb" + std::to_string(hub) + "-" + std::to_string(port));
+        }
+    }
+    return names;
+}
+
+Sandbox::Sandbox(const Options& chosen) : options(chosen)
+{
+    Namespaces::enterPrivateMountNamespace();
+    try {
+        layOut();
+        // Reads from its own thread: a daemon that logs while the test is busy elsewhere must not block.
+        reader = std::make_unique<SyslogReader>(path("/dev/log"), SyslogReader::Collection::Background);
+        if (options.network == Network::Isolated) {
+            network = std::make_unique<IsolatedNetwork>();
+            sender = std::make_unique<UeventSender>(network->fd());
+        }
+    } catch (...) {
+        tearDown();
+        throw;
+    }
+}
+
+Sandbox::~Sandbox()
+{
+    tearDown();
+}
+
+void Sandbox::layOut()
+{
+    char base[] = "/tmp/dhh-sandbox-XXXXXX";
+    if (mkdtemp(base) == nullptr) {
+        throw systemError(std::string("Sandbox: mkdtemp ") + base);
+    }
+    baseDirectory = base;
+    // Only in the private namespace: the host never sees it, and it dies with the test.
+    if (mount("dhh-sandbox", base, "tmpfs", 0, "mode=0755") != 0) {
+        throw systemError(std::string("Sandbox: mount tmpfs on ") + base);
+    }
+    baseMounted = true;
+    rootDirectory = baseDirectory + "/root";
+    if (mkdir(rootDirectory.c_str(), 0755) != 0) {
+        throw systemError("Sandbox: mkdir " + rootDirectory);
+    }
+    view = std::make_unique<RootView>(rootDirectory);
+
+    bindReadOnly("/usr", "/usr");
+    for (const char* name : {"bin", "sbin", "lib", "lib32", "lib64", "libx32"}) {
+        mirrorTopLevelLink(name);
+    }
+    bindReadOnly("/etc", "/etc");
+
+    makeDirectory("/dev");
+    addDeviceNode("null", makedev(1, 3), S_IFCHR);
+    addDeviceNode("zero", makedev(1, 5), S_IFCHR);
+    addDeviceNode("urandom", makedev(1, 9), S_IFCHR);
+    makeDirectory("/tmp", 01777);
+    makeDirectory("/proc", 0555);
+    if (options.procFilesystems == ProcFilesystems::HostCopy) {
+        writeFile("/proc/filesystems", hostFile("/proc/filesystems"));
+    } else if (options.procFilesystems == ProcFilesystems::Custom) {
+        writeFile("/proc/filesystems", options.procFilesystemsText);
+    }
+    fakeSysfs = std::make_unique<FakeSysfs>(path("/sys"));
+
+    makeDirectory("/mnt");
+    if (options.mntUsb) {
+        makeDirectory("/mnt/usb");
+    }
+    makeDirectory("/ravo500");
+    makeDirectory("/ravo500/devs");
+    for (const auto& name : options.portDirectories) {
+        makeDirectory("/ravo500/devs/" + name);
+    }
+    if (options.cascadeDirectory) {
+        makeDirectory("/ravo500/devs/cascade");
+    }
+}
+
+void Sandbox::makeDirectory(const std::string& insidePath, mode_t mode) const
+{
+    const std::string directory = path(insidePath);
+    if (mkdir(directory.c_str(), mode) != 0) {
+        throw systemError("Sandbox: mkdir " + directory);
+    }
+    // mkdir() applies the umask; the sticky bit of /tmp needs chmod anyway.
+    if (chmod(directory.c_str(), mode) != 0) {
+        throw systemError("Sandbox: chmod " + directory);
+    }
+}
+
+void Sandbox::bindReadOnly(const std::string& hostPath, const std::string& insidePath) const
+{
+    makeDirectory(insidePath);
+    const std::string target = path(insidePath);
+    if (mount(hostPath.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        throw systemError("Sandbox: bind " + hostPath + " on " + target);
+    }
+    // A bind mount takes MS_RDONLY only on a second, remounting call.
+    if (mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
+        throw systemError("Sandbox: remount " + target + " read-only");
+    }
+}
+
+// With a merged /usr, /bin and friends are links into usr; elsewhere they are directories.
+void Sandbox::mirrorTopLevelLink(const std::string& name) const
+{
+    const std::string hostPath = "/" + name;
+    struct stat status{};
+    if (lstat(hostPath.c_str(), &status) != 0) {
+        return;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        bindReadOnly(hostPath, hostPath);
+        return;
+    }
+    char target[4096];
+    const ssize_t length = readlink(hostPath.c_str(), target, sizeof(target) - 1);
+    if (length < 0) {
+        throw systemError("Sandbox: readlink " + hostPath);
+    }
+    const std::string link = path(hostPath);
+    if (symlink(std::string(target, static_cast<size_t>(length)).c_str(), link.c_str()) != 0) {
+        throw systemError("Sandbox: symlink " + link);
+    }
+}
+
+void Sandbox::addDeviceNode(const std::string& name, dev_t device, mode_t type)
+{
+    const std::string node = path("/dev/" + name);
+    for (auto slash = node.find('/', rootDirectory.size() + 5); slash != std::string::npos;
+         slash = node.find('/', slash + 1)) {
+        if (mkdir(node.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) {
+            throw systemError("Sandbox: mkdir " + node.substr(0, slash));
+        }
+    }
+    if (mknod(node.c_str(), type | 0666, device) != 0) {
+        throw systemError("Sandbox: mknod " + node);
+    }
+}
+
+void Sandbox::writeFile(const std::string& insidePath, const std::string& content)
+{
+    const std::string file = path(insidePath);
+    UniqueFd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd.valid()) {
+        throw systemError("Sandbox: open " + file);
+    }
+    if (write(fd.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+        throw systemError("Sandbox: write " + file);
+    }
+}
+
+void Sandbox::start()
+{
+    if (daemon && daemon->isAlive()) {
+        throw std::logic_error("Sandbox::start: the daemon runs already");
+    }
+    daemon.reset();
+    DaemonProcess::Launch launch;
+    launch.binaryPath = options.daemonPath;
+    launch.rootDirectory = rootDirectory;
+    launch.networkNamespaceFd = network ? network->fd() : -1;
+    launch.outputPath = baseDirectory + "/output";
+    daemon = std::make_unique<DaemonProcess>(launch);
+}
+
+DaemonProcess& Sandbox::running(const char* method) const
+{
+    if (!daemon) {
+        throw std::logic_error(std::string("Sandbox::") + method + ": the daemon was never started");
+    }
+    return *daemon;
+}
+
+bool Sandbox::waitUntilListening(int timeoutMs)
+{
+    DaemonProcess& process = running("waitUntilListening");
+    bool ended = false;
+    const bool listens = waitUntil(
+        [&process, &ended] {
+            ended = !process.isAlive();
+            return ended || process.listensForUevents();
+        },
+        timeoutMs);
+    return listens && !ended;
+}
+
+void Sandbox::inject(const Uevent& event)
+{
+    injectRaw(event.datagram());
+}
+
+void Sandbox::injectRaw(const std::string& datagram)
+{
+    if (!sender) {
+        // The host's own listeners (udev) would take fake events for real ones.
+        throw std::logic_error("Sandbox::inject: refused in the host's network namespace");
+    }
+    sender->send(datagram);
+}
+
+void Sandbox::signal(int signalNumber)
+{
+    running("signal").signal(signalNumber);
+}
+
+int Sandbox::waitExit(int timeoutMs)
+{
+    return running("waitExit").waitExit(timeoutMs);
+}
+
+bool Sandbox::isAlive()
+{
+    return daemon && daemon->isAlive();
+}
+
+std::string Sandbox::output() const
+{
+    // Absent until the daemon was started once.
+    std::ifstream file(baseDirectory + "/output", std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+std::string Sandbox::path(const std::string& insidePath) const
+{
+    checkInside(insidePath);
+    return insidePath == "/" ? rootDirectory : rootDirectory + insidePath;
+}
+
+bool Sandbox::exists(const std::string& insidePath) const
+{
+    return view->exists(insidePath);
+}
+
+std::string Sandbox::readLink(const std::string& insidePath) const
+{
+    return view->readLink(insidePath);
+}
+
+std::string Sandbox::readFile(const std::string& insidePath) const
+{
+    return view->readFile(insidePath);
+}
+
+std::vector<std::string> Sandbox::list(const std::string& insideDirectory) const
+{
+    return view->list(insideDirectory);
+}
+
+bool Sandbox::isMounted(const std::string& insidePath) const
+{
+    MountTable::Entry entry;
+    return findMount(insidePath, entry);
+}
+
+bool Sandbox::findMount(const std::string& insidePath, MountTable::Entry& entry) const
+{
+    std::string mountPoint = path(insidePath);
+    while (mountPoint.size() > 1 && mountPoint.back() == '/') {
+        mountPoint.pop_back();
+    }
+    return MountTable::find(mountPoint, entry);
+}
+
+bool Sandbox::waitUntil(const std::function<bool()>& condition, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (condition()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+void Sandbox::tearDown() noexcept
+{
+    // The daemon first: its mounts and open files would keep things busy.
+    daemon.reset();
+    sender.reset();
+    network.reset();
+    reader.reset();
+    fakeSysfs.reset();
+    view.reset();
+    if (baseMounted) {
+        try {
+            for (const auto& mountPoint : MountTable::below(baseDirectory)) {
+                if (umount2(mountPoint.c_str(), MNT_DETACH) != 0) {
+                    std::fprintf(stderr, "Sandbox: umount2 %s: %s\n", mountPoint.c_str(), std::strerror(errno));
+                }
+            }
+        } catch (const std::exception& error) {
+            // Detaching the tmpfs below still takes every mount under it along.
+            std::fprintf(stderr, "Sandbox: %s\n", error.what());
+        }
+        if (umount2(baseDirectory.c_str(), MNT_DETACH) != 0) {
+            std::fprintf(stderr, "Sandbox: umount2 %s: %s\n", baseDirectory.c_str(), std::strerror(errno));
+        }
+        baseMounted = false;
+    }
+    if (!baseDirectory.empty() && rmdir(baseDirectory.c_str()) != 0) {
+        std::fprintf(stderr, "Sandbox: rmdir %s: %s\n", baseDirectory.c_str(), std::strerror(errno));
+    }
+    baseDirectory.clear();
+}
+
+} // namespace Sandbox

@@ -1,0 +1,152 @@
+#include "daemon/HotplugNetlink.h"
+
+#include "common/exceptions/RavoException.h"
+
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <linux/netlink.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using Common::Exceptions::RavoException;
+
+namespace {
+constexpr int pollTimeoutMs = 5000;
+constexpr uint32_t ueventGroup = 1;
+} // namespace
+
+HotplugNetlink::HotplugNetlink()
+    : netlinkSocket(-1), signalFd(-1), terminate(false), receiveBuffer(), poller(),
+      handlerThread(), logger("HotplugNetlink")
+{
+}
+
+HotplugNetlink::~HotplugNetlink()
+{
+    shutdown();
+}
+
+void HotplugNetlink::run()
+{
+    try {
+        initSignals();
+        initNetlinkSocket();
+        handlerThread.start(nullptr);
+        while (!terminate) {
+            poller.pollEvents(pollTimeoutMs);
+            if (!handlerThread.isRunning()) {
+                throw RavoException("HotplugNetlink", "run", "Handler thread terminated unexpectedly");
+            }
+        }
+    } catch (const RavoException& exception) {
+        logger.error() << exception << std::endl;
+    } catch (const std::exception& exception) {
+        logger.error() << exception.what() << std::endl;
+    }
+    shutdown();
+    logger.debug() << "Process terminated" << std::endl;
+}
+
+void HotplugNetlink::initSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    // Blocked before the handler thread exists, so it inherits the mask and the
+    // signals arrive only through the signalfd.
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    signalFd = signalfd(-1, &signals, 0);
+    if (signalFd == -1) {
+        const int error = errno;
+        throw RavoException("HotplugNetlink", "initSignals", "signalfd", error);
+    }
+    poller.registerDescriptor(signalFd, POLLIN, this);
+}
+
+void HotplugNetlink::initNetlinkSocket()
+{
+    netlinkSocket = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
+    if (netlinkSocket == -1) {
+        const int error = errno;
+        throw RavoException("HotplugNetlink", "initSignals", "socket", error);
+    }
+    poller.registerDescriptor(netlinkSocket, POLLIN, this);
+
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_pad = 0;
+    address.nl_pid = static_cast<uint32_t>(getpid());
+    address.nl_groups = ueventGroup;
+    if (bind(netlinkSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
+        const int error = errno;
+        throw RavoException("HotplugNetlink", "initSignals", "bind", error);
+    }
+}
+
+void HotplugNetlink::handleEvent(int fd, short revents)
+{
+    if (fd == signalFd && revents == POLLIN) {
+        terminate = true;
+    } else if (fd == netlinkSocket && (revents == POLLIN || (revents & POLLERR) != 0)) {
+        // An error condition (a receive-buffer overrun) stays pending until the
+        // socket is read: reading it lets the failure surface from recv instead
+        // of poll reporting the same readiness again and again.
+        readKernelEvent();
+    }
+}
+
+void HotplugNetlink::readKernelEvent()
+{
+    for (;;) {
+        char scratch = 0;
+        const ssize_t peeked =
+            recv(netlinkSocket, &scratch, 1, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+        if (peeked == 0) {
+            // An empty datagram: consume it, or poll would report it forever.
+            static_cast<void>(recv(netlinkSocket, &scratch, 1, MSG_DONTWAIT));
+            continue;
+        }
+        if (peeked < 0) {
+            const int error = errno;
+            if (error == EAGAIN) {
+                return;
+            }
+            throw RavoException("HotplugNetlink", "readKernelEvent", "non-blocking recv", error);
+        }
+        const auto length = static_cast<uint32_t>(peeked);
+        if (receiveBuffer.size() <= length) {
+            receiveBuffer.resize(length + 1);
+            if (receiveBuffer.data() == nullptr) {
+                throw RavoException("HotplugNetlink", "readKernelEvent", "Out of memory");
+            }
+        }
+        const ssize_t received = recv(netlinkSocket, receiveBuffer.data(), length, 0);
+        if (received < 0) {
+            const int error = errno;
+            throw RavoException("HotplugNetlink", "readKernelEvent", "recv", error);
+        }
+        char* text = reinterpret_cast<char*>(receiveBuffer.data());
+        text[received] = '\0';
+        parseKernelEvent(text, static_cast<size_t>(received));
+    }
+}
+
+void HotplugNetlink::shutdown()
+{
+    if (netlinkSocket != -1) {
+        poller.unregisterDescriptor(netlinkSocket);
+        close(netlinkSocket);
+        netlinkSocket = -1;
+    }
+    handlerThread.stop();
+    handlerThread.join();
+    if (signalFd != -1) {
+        poller.unregisterDescriptor(signalFd);
+        close(signalFd);
+        signalFd = -1;
+    }
+}

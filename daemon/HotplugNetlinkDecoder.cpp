@@ -1,0 +1,107 @@
+// The uevent decoder: one pass over a datagram of NUL-separated KEY=VALUE
+// strings, keeping pointers into the receive buffer; only datagrams that
+// become events allocate. Dropped datagrams leave no trace.
+#include "daemon/HotplugNetlink.h"
+
+#include <cstring>
+#include <memory>
+
+namespace {
+
+struct UeventFields {
+    const char* action = nullptr;
+    const char* name = nullptr;
+    const char* devpath = nullptr;
+    const char* subsystem = nullptr;
+    const char* devtype = nullptr;
+};
+
+void remember(UeventFields& fields, const char* key, const char* value)
+{
+    if (std::strcmp(key, "ACTION") == 0) {
+        fields.action = value;
+    } else if (std::strcmp(key, "DEVNAME") == 0 || std::strcmp(key, "INTERFACE") == 0) {
+        // Both fill one slot: whichever comes later wins.
+        fields.name = value;
+    } else if (std::strcmp(key, "DEVPATH") == 0) {
+        fields.devpath = value;
+    } else if (std::strcmp(key, "SUBSYSTEM") == 0) {
+        fields.subsystem = value;
+    } else if (std::strcmp(key, "DEVTYPE") == 0) {
+        fields.devtype = value;
+    }
+}
+
+bool deviceTypeOf(const UeventFields& fields, HotplugDeviceType& type)
+{
+    const bool hasDevtype = fields.devtype != nullptr;
+    if (std::strcmp(fields.subsystem, "tty") == 0 && std::strncmp(fields.name, "ttyUSB", 6) == 0) {
+        type = HotplugDeviceType::UsbTty;
+    } else if (std::strcmp(fields.subsystem, "usb") == 0 && hasDevtype &&
+               std::strcmp(fields.devtype, "usb_device") == 0) {
+        type = HotplugDeviceType::UsbDevice;
+    } else if (std::strcmp(fields.subsystem, "block") == 0 && hasDevtype &&
+               std::strcmp(fields.devtype, "partition") == 0) {
+        type = HotplugDeviceType::DiscPartition;
+    } else if (std::strcmp(fields.subsystem, "net") == 0 && std::strncmp(fields.name, "eth", 3) == 0) {
+        type = HotplugDeviceType::UsbEthernet;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+bool actionOf(const char* text, HotplugAction& action)
+{
+    if (std::strcmp(text, "add") == 0) {
+        action = HotplugAction::Add;
+    } else if (std::strcmp(text, "remove") == 0) {
+        action = HotplugAction::Remove;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+void HotplugNetlink::parseKernelEvent(char* buffer, size_t length)
+{
+    if (length == 0) {
+        return;
+    }
+    UeventFields fields;
+    const char* const end = buffer + length;
+    char* string = buffer;
+    while (string < end) {
+        char* cursor = string;
+        const char* value = nullptr;
+        for (; cursor < end && *cursor != '\0'; ++cursor) {
+            // The first "=" splits key and value, unless it is the very last byte.
+            if (*cursor == '=' && value == nullptr && cursor + 1 < end) {
+                *cursor = '\0';
+                value = cursor + 1;
+            }
+        }
+        if (value != nullptr) {
+            remember(fields, string, value);
+        }
+        string = cursor + 1;
+    }
+
+    if (fields.action == nullptr || fields.name == nullptr || fields.devpath == nullptr ||
+        fields.subsystem == nullptr) {
+        return;
+    }
+    HotplugDeviceType type = HotplugDeviceType::None;
+    HotplugAction action = HotplugAction::None;
+    if (!deviceTypeOf(fields, type) || !actionOf(fields.action, action)) {
+        return;
+    }
+    auto event = std::make_unique<HotplugEvent>();
+    event->deviceType = type;
+    event->action = action;
+    event->deviceName = fields.name;
+    event->devPath = fields.devpath;
+    handlerThread.pushEvent(event.release());
+}

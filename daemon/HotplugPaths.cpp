@@ -1,0 +1,3 @@
+#include "daemon/HotplugPaths.h"
+
+const std::string cascadingInfoFilePath = "/ravo500/devs/cascade/ravo-casc-info";

@@ -1,0 +1,172 @@
+#include "handler/HotplugHandlerThread.h"
+
+#include "Osal/commonCppOsalLinux/cpp/OsalLockAutomatically.h"
+#include "common/exceptions/RavoException.h"
+
+#include <cxxabi.h>
+#include <fstream>
+#include <utility>
+
+using Common::Exceptions::RavoException;
+using Halvern::CommonCpp::Osal::OsalLockAutomatically;
+
+namespace {
+
+struct PatternSpec {
+    CompiledPattern HotplugHandlerThread::*field;
+    const char* pattern;
+    const char* failureMessage;
+};
+
+} // namespace
+
+HotplugHandlerThread::HotplugHandlerThread()
+    : OsalThread(), eventQueue(), queueMutex(), eventSemaphore(0), supportedFileSystems(),
+      ttyUsbRegex(), usbDeviceRegex(), discPartitionRegex(), usbEthernetRegex(),
+      logger("HotplugHandlerThread")
+{
+}
+
+HotplugHandlerThread::~HotplugHandlerThread()
+{
+    cleanUp();
+}
+
+void HotplugHandlerThread::pushEvent(HotplugEvent* event)
+{
+    EventPtr owned(event);
+    OsalLockAutomatically guard(queueMutex, -1);
+    eventQueue.push_back(std::move(owned));
+    // Signalled under the queue mutex: a wake-up never overtakes its event.
+    eventSemaphore.unlock();
+}
+
+void HotplugHandlerThread::run()
+{
+    try {
+        init();
+        searchExistingDevices("/sys/dev/block");
+        searchExistingDevices("/sys/dev/char");
+        searchExistingDevices("/sys/class/net");
+        for (;;) {
+            eventSemaphore.lock();
+            // One wake-up may stand for several pushes: drain the whole queue.
+            while (!processNextEvent()) {
+            }
+        }
+    } catch (const RavoException& exception) {
+        logger.error() << exception << std::endl;
+        cleanUp();
+        logger.debug() << "Thread terminated" << std::endl;
+    } catch (abi::__forced_unwind&) {
+        cleanUp();
+        logger.debug() << "Thread terminated" << std::endl;
+        throw;
+    }
+}
+
+void HotplugHandlerThread::init()
+{
+    static const PatternSpec patterns[] = {
+        {&HotplugHandlerThread::ttyUsbRegex, "^.*/ttyUSB[0-9]+$",
+         "Error compile the regular expression for ttyUSB devices: "},
+        {&HotplugHandlerThread::usbDeviceRegex, "^.*/usb[0-9]+/.*/[0-9]+-[0-9]+\\.[0-9]+$",
+         "Error compile the regular expression for USB devices: "},
+        {&HotplugHandlerThread::discPartitionRegex, "^.*/block/sd[a-z]+/sd[a-z]+[0-9]+$",
+         "Error compile the regular expression for disc partitions: "},
+        {&HotplugHandlerThread::usbEthernetRegex, "^.*/usb[0-9]+/.*/1-[0-9]+\\.6/.*/net/eth[0-9]+$",
+         "Error compile the regular expression for the USB ethernet device: "},
+    };
+    try {
+        for (const auto& spec : patterns) {
+            const int result = (this->*spec.field).compile(spec.pattern, REG_EXTENDED | REG_NOSUB);
+            if (result != 0) {
+                logger.error() << spec.failureMessage << result << std::endl;
+            }
+        }
+
+        std::ifstream filesystems("/proc/filesystems");
+        if (!filesystems.is_open()) {
+            throw RavoException("HotplugHandlerThread", "init", "Error opening /proc/filesystems");
+        }
+        std::ostream& record = logger.debug();
+        record << "Mount supports the following filesystem types: ";
+        bool skipNext = false;
+        std::string word;
+        while (filesystems >> word) {
+            if (skipNext) {
+                // The name after "nodev" is a file system without a device.
+                skipNext = false;
+            } else if (word == "nodev") {
+                skipNext = true;
+            } else {
+                record << word << " ";
+                if (word == "vfat") {
+                    supportedFileSystems.push_front(word);
+                } else {
+                    supportedFileSystems.push_back(word);
+                }
+            }
+        }
+        record << std::endl;
+    } catch (const RavoException& exception) {
+        logger.error() << exception << std::endl;
+        for (const char* type : {"vfat", "ext4", "ext3", "ext2"}) {
+            supportedFileSystems.emplace_back(type);
+        }
+    }
+}
+
+bool HotplugHandlerThread::processNextEvent()
+{
+    EventPtr event;
+    bool queueEmpty = false;
+    {
+        OsalLockAutomatically guard(queueMutex, -1);
+        if (eventQueue.empty()) {
+            return true;
+        }
+        event = std::move(eventQueue.front());
+        eventQueue.pop_front();
+        queueEmpty = eventQueue.empty();
+    }
+    // Handled outside the queue mutex so the listener can keep pushing.
+    if (event) {
+        dispatchEvent(event);
+    }
+    return queueEmpty;
+}
+
+void HotplugHandlerThread::dispatchEvent(EventPtr& event)
+{
+    switch (event->deviceType) {
+    case HotplugDeviceType::UsbDevice:
+        handleUsbDeviceEvent(*event);
+        break;
+    case HotplugDeviceType::UsbTty:
+        handleUsbTtyEvent(*event);
+        break;
+    case HotplugDeviceType::DiscPartition:
+        handleBlockDevPartionEvent(event);
+        break;
+    case HotplugDeviceType::UsbEthernet:
+        handleEthernetEvent(*event);
+        break;
+    case HotplugDeviceType::None:
+    default:
+        logger.info() << "Event of an unsupported device type - skip it" << std::endl;
+        break;
+    }
+}
+
+void HotplugHandlerThread::cleanUp()
+{
+    OsalLockAutomatically guard(queueMutex, -1);
+    while (!eventQueue.empty()) {
+        eventQueue.pop_front();
+    }
+    ttyUsbRegex.release();
+    usbDeviceRegex.release();
+    discPartitionRegex.release();
+    usbEthernetRegex.release();
+}

@@ -1,0 +1,122 @@
+// The daemon from start to exit: its start-up records, the signals that end
+// it, the order of a burst of events, and datagrams it must survive.
+#include "tests/system/DaemonSandboxTest.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+using Sandbox::Uevent;
+
+// User plus system CPU time of a process, in clock ticks.
+long cpuTicks(pid_t pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    std::istringstream fields(line.substr(line.rfind(')') + 2));
+    std::string field;
+    long ticks = 0;
+    for (int index = 3; fields >> field; ++index) {
+        if (index == 14 || index == 15) {
+            ticks += std::stol(field);
+        }
+    }
+    return ticks;
+}
+
+class DaemonLifecycleTest : public DaemonSandboxTest,
+                            public testing::WithParamInterface<int> {};
+
+TEST_P(DaemonLifecycleTest, StartsAndEndsInOrderOnSignal)
+{
+    Sandbox::Sandbox::Options options;
+    options.procFilesystems = Sandbox::Sandbox::ProcFilesystems::Custom;
+    options.procFilesystemsText = "nodev\tsysfs\n\text4\nnodev\tproc\n\tvfat\n";
+    prepare(options);
+    start();
+    stop(GetParam());
+
+    EXPECT_EQ(recordsStartingWith("[Debug] Poller: Register descriptor: ").size(), 2U);
+    EXPECT_EQ(recordsStartingWith("[Debug] Poller: Unregister descriptor: ").size(), 2U);
+    EXPECT_TRUE(sawRecord(handler + "Mount supports the following filesystem types: ext4 vfat "));
+    EXPECT_TRUE(sawRecord(handler + "Thread terminated"));
+    EXPECT_TRUE(sawRecord("[Debug] HotplugNetlink: Process terminated"));
+    EXPECT_TRUE(recordsStartingWith("[Error]").empty());
+    for (const auto& record : sandbox->syslog().history()) {
+        EXPECT_EQ(record.identity, "device_hotplug_handler");
+    }
+    EXPECT_EQ(sandbox->output(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, DaemonLifecycleTest, testing::Values(SIGTERM, SIGINT));
+
+TEST_F(DaemonSandboxTest, FallsBackToKnownTypesWithoutProcFilesystems)
+{
+    Sandbox::Sandbox::Options options;
+    options.procFilesystems = Sandbox::Sandbox::ProcFilesystems::Absent;
+    prepare(options);
+    start();
+    EXPECT_TRUE(sawRecord("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::init(): "
+                          "Error opening /proc/filesystems\""));
+    settle(); // still handles events
+    stop();
+}
+
+TEST_F(DaemonSandboxTest, HandlesABurstInArrivalOrder)
+{
+    prepare();
+    start();
+    constexpr int count = 60;
+    const std::string port = "/devices/platform/ehci/usb1/1-1/1-1.3";
+    for (int uart = 0; uart < count; ++uart) {
+        const std::string name = "ttyUSB" + std::to_string(uart);
+        sandbox->inject(Uevent::ttyUsb("add", port + "/1-1.3:1." + std::to_string(uart) + "/" + name +
+                                                  "/tty/" + name,
+                                       name));
+    }
+    settle();
+    const auto found = recordsStartingWith(handler + "New USB TTY device found at hub 1 port 3");
+    ASSERT_EQ(found.size(), static_cast<size_t>(count));
+    for (int uart = 0; uart < count; ++uart) {
+        EXPECT_EQ(found[static_cast<size_t>(uart)],
+                  handler + "New USB TTY device found at hub 1 port 3 with UART num " +
+                      std::to_string(uart) + " and /dev/ttyUSB" + std::to_string(uart));
+        EXPECT_EQ(sandbox->readLink("/ravo500/devs/usb1-3/uart" + std::to_string(uart)),
+                  "/dev/ttyUSB" + std::to_string(uart));
+    }
+    stop();
+}
+
+TEST_F(DaemonSandboxTest, SurvivesMalformedDatagramsWithoutATrace)
+{
+    prepare();
+    start();
+    const auto recordsBefore = sandbox->syslog().history().size();
+    const long ticksBefore = cpuTicks(sandbox->pid());
+    const std::vector<std::string> datagrams = {
+        "no separators at all",
+        std::string("\0\0\0\0", 4),
+        std::string("ACTION=add\0SUBSYSTEM=tty\0DEVNAME=ttyUSB0", 40), // no DEVPATH
+        std::string(60000, '='),
+        std::string("\xff\x01=\x02\0DEVPATH=\0=\0", 17),
+        Uevent::partition("change", "/devices/x/block/sda/sda1", "sda1").datagram(),
+        Uevent::usbDevice("add", "/devices/x/usb1/1-1/1-1.2", "bus/usb/001/002")
+            .set("DEVTYPE", "usb_interface")
+            .datagram(),
+    };
+    for (const auto& datagram : datagrams) {
+        sandbox->injectRaw(datagram);
+    }
+    settle();
+    // Nothing but the marker's record: dropped datagrams leave no trace.
+    EXPECT_EQ(sandbox->syslog().history().size(), recordsBefore + 1);
+    // A spinning poll loop would burn the whole core meanwhile.
+    EXPECT_TRUE(sandbox->isAlive());
+    Sandbox::Sandbox::waitUntil([] { return false; }, 500);
+    EXPECT_LT(cpuTicks(sandbox->pid()) - ticksBefore, 25);
+    stop();
+}
+
+} // namespace

@@ -93,6 +93,22 @@ TEST_F(PartitionTest, MountsOnARealKernelUevent)
     stop();
 }
 
+TEST_F(PartitionTest, HostKernelUeventsStayOutOfTheIsolatedSandbox)
+{
+    auto& disk = makeDisk({{8, "ext2"}});
+    prepare();
+    const std::string name = disk.partitionName(1);
+    sandbox->addDeviceNode(name, disk.partitionDevice(1));
+    start();
+    disk.triggerUevent(1, "add");
+    settle(); // one socket, one queue: a kernel event sent before would come first
+    for (const auto& text : sandbox->syslog().texts()) {
+        EXPECT_EQ(text.find(name), std::string::npos) << text;
+    }
+    EXPECT_FALSE(sandbox->isMounted("/mnt/usb/" + name));
+    stop();
+}
+
 TEST_F(DaemonSandboxTest, KeepsHubAndPortLinks)
 {
     Sandbox::Sandbox::Options options;

@@ -12,7 +12,7 @@ using Halvern::CommonCpp::Osal::OsalLockAutomatically;
 
 namespace {
 
-struct PatternSpec {
+struct PatternEntry {
     CompiledPattern HotplugHandlerThread::*field;
     const char* pattern;
     const char* failureMessage;
@@ -67,7 +67,7 @@ void HotplugHandlerThread::run()
 
 void HotplugHandlerThread::init()
 {
-    static const PatternSpec patterns[] = {
+    static const PatternEntry patterns[] = {
         {&HotplugHandlerThread::ttyUsbRegex, "^.*/ttyUSB[0-9]+$",
          "Error compile the regular expression for ttyUSB devices: "},
         {&HotplugHandlerThread::usbDeviceRegex, "^.*/usb[0-9]+/.*/[0-9]+-[0-9]+\\.[0-9]+$",
@@ -78,10 +78,10 @@ void HotplugHandlerThread::init()
          "Error compile the regular expression for the USB ethernet device: "},
     };
     try {
-        for (const auto& spec : patterns) {
-            const int result = (this->*spec.field).compile(spec.pattern, REG_EXTENDED | REG_NOSUB);
+        for (const auto& entry : patterns) {
+            const int result = (this->*entry.field).compile(entry.pattern, REG_EXTENDED | REG_NOSUB);
             if (result != 0) {
-                logger.error() << spec.failureMessage << result << std::endl;
+                logger.error() << entry.failureMessage << result << std::endl;
             }
         }
 

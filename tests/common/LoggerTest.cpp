@@ -1,7 +1,6 @@
 #include "common/logging/Logger.h"
-#include "tests/common/SyslogTest.h"
+#include "tests/common/CommonTestHelpers.h"
 
-#include <functional>
 #include <syslog.h>
 
 using Common::Logging::Logger;
@@ -11,17 +10,8 @@ namespace {
 
 using LoggerTest = SyslogTest;
 
-// Letters that change with the position, so a misplaced piece of a line shows.
-std::string line(size_t length, size_t from = 0)
-{
-    std::string text;
-    for (size_t i = from; i < from + length; ++i) {
-        text += static_cast<char>('a' + i % 26);
-    }
-    return text;
-}
-
-TEST_F(LoggerTest, EveryLevelHasItsTagAndPriorityUnderAnyFacilityAndName)
+// The identity is process-wide and taken once, so its whole story is one test.
+TEST_F(LoggerTest, RecordsCarryTagPriorityNameAndTheFirstNonEmptyIdentity)
 {
     const struct {
         std::ostream& (Logger::*stream)();
@@ -30,67 +20,60 @@ TEST_F(LoggerTest, EveryLevelHasItsTagAndPriorityUnderAnyFacilityAndName)
     } levels[] = {{&Logger::debug, LOG_DEBUG, "Debug"}, {&Logger::info, LOG_INFO, "Info "},
                   {&Logger::warn, LOG_WARNING, "Warn "}, {&Logger::error, LOG_ERR, "Error"},
                   {&Logger::fatal, LOG_CRIT, "Fatal"}};
+    const struct {
+        int facility;
+        std::string name, identity, expectedIdentity;
+    } settings[] = {{LOG_USER, "X", "", ""}, {LOG_LOCAL0, "Renamed", "first", "first"},
+                    {LOG_USER, "X", "second", "first"}, {LOG_USER, "X", "", "first"}};
     Logger logger("X");
-    for (const auto& [facility, name] : {std::pair{LOG_USER, "X"}, std::pair{LOG_LOCAL0, "Renamed"}}) {
-        logger.setFacility(facility);
-        logger.setName(name);
+    for (const auto& setting : settings) {
+        logger.setFacility(setting.facility);
+        logger.setName(setting.name);
+        Logger::openSyslog(setting.identity);
         for (const auto& row : levels) {
             (logger.*row.stream)() << "abc" << std::endl;
             const auto records = sent();
             ASSERT_EQ(records.size(), 1u) << row.tag;
-            EXPECT_EQ(records[0].priority, facility | row.level) << row.tag;
-            EXPECT_EQ(records[0].text, "[" + row.tag + "] " + name + ": abc");
+            EXPECT_EQ(records[0].priority, setting.facility | row.level) << row.tag;
+            EXPECT_EQ(records[0].identity, setting.expectedIdentity) << setting.identity;
+            EXPECT_EQ(records[0].text, "[" + row.tag + "] " + setting.name + ": abc");
         }
     }
 }
 
 TEST_F(LoggerTest, LinesBecomeRecordsOnFlushOrOverflowAndPendingTextOnDestruction)
 {
+    const std::string p = pattern(300);
     const struct {
-        std::function<void(std::ostream&)> write;
+        std::string written;
+        bool flush;
         Texts sentAtOnce, sentOnDestruction;
     } rows[] = {
-        {[](std::ostream& s) { s << "abc" << std::endl; }, {"abc"}, {}},
-        {[](std::ostream& s) { s << "a\n\nb" << std::endl; }, {"a", "", "b"}, {}},
-        {[](std::ostream& s) { s << std::endl; }, {""}, {}},
-        {[](std::ostream& s) { s << "100% done %s%n" << std::endl; }, {"100% done %s%n"}, {}},
-        {[](std::ostream& s) { s << "abc" << std::flush; }, {}, {"abc"}},
-        {[](std::ostream& s) { s << "abc\n"; }, {}, {"abc"}},
-        {[](std::ostream& s) { s << line(300) << std::endl; }, {line(257), line(43, 257)}, {}},
-        {[](std::ostream& s) { s << "0123456789\n" << line(300) << std::endl; },
-         {"0123456789", line(257), line(43, 257)}, {}},
-        {[](std::ostream& s) { s << line(256) << std::endl; }, {line(256)}, {}},
-        {[](std::ostream& s) { s << line(256) << std::flush; }, {line(256)}, {}},
-        {[](std::ostream& s) { s << line(255) << std::flush; }, {}, {line(255)}},
-        {[](std::ostream& s) { s << line(256); }, {}, {line(256)}},
+        {"100% %s%n\n\nb\n", true, {"100% %s%n", "", "b"}, {}}, // the text is never a format
+        {"abc\n", false, {}, {"abc"}},
+        {"0123456789\n" + p + "\n", true, {"0123456789", p.substr(0, 257), p.substr(257)}, {}},
+        {pattern(256) + "\n", true, {pattern(256)}, {}},
+        {pattern(256), true, {pattern(256)}, {}},
+        {pattern(255), true, {}, {pattern(255)}},
     };
-    const auto records = [](Texts texts) {
-        for (auto& text : texts) {
-            text = "[Warn ] X: " + text;
+    const auto sentTexts = [] {
+        Texts texts;
+        for (const auto& record : sent()) {
+            const bool prefixed = record.text.rfind("[Warn ] X: ", 0) == 0;
+            texts.push_back(prefixed ? record.text.substr(11) : "unprefixed: " + record.text);
         }
         return texts;
     };
-    for (size_t i = 0; i < std::size(rows); ++i) {
+    for (const auto& row : rows) {
         {
             Logger logger("X");
-            rows[i].write(logger.warn());
-            EXPECT_EQ(sentTexts(), records(rows[i].sentAtOnce)) << "row " << i;
+            logger.warn() << row.written;
+            if (row.flush) {
+                logger.warn().flush();
+            }
+            EXPECT_EQ(sentTexts(), row.sentAtOnce) << row.written;
         }
-        EXPECT_EQ(sentTexts(), records(rows[i].sentOnDestruction)) << "row " << i;
-    }
-}
-
-// The identity is process-wide and set once, so its whole story is one test.
-TEST_F(LoggerTest, OnlyTheFirstNonEmptyIdentityCounts)
-{
-    Logger logger("X");
-    for (const auto& [identity, expected] : {std::pair{"", ""}, std::pair{"first", "first"},
-                                             std::pair{"second", "first"}, std::pair{"", "first"}}) {
-        Logger::openSyslog(identity);
-        logger.info() << "abc" << std::endl;
-        const auto records = sent();
-        ASSERT_EQ(records.size(), 1u);
-        EXPECT_EQ(records[0].identity, expected) << "after openSyslog(\"" << identity << "\")";
+        EXPECT_EQ(sentTexts(), row.sentOnDestruction) << row.written;
     }
 }
 

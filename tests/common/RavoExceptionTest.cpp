@@ -11,10 +11,6 @@ namespace {
 
 TEST(RavoExceptionTest, MessageErrorNumberStreamFormAndCopy)
 {
-    char buffer[128];
-    const auto libcText = [&buffer](int error) {
-        return std::string(strerror_r(error, buffer, sizeof(buffer)));
-    };
     const std::string call = "C::m(): The call to open() returns the error: ";
     const struct {
         RavoException exception;
@@ -22,12 +18,9 @@ TEST(RavoExceptionTest, MessageErrorNumberStreamFormAndCopy)
         int errorNumber;
     } rows[] = {
         {{"C", "m", "open", 2}, call + "2 (No such file or directory)", 2},
-        {{"C", "m", "open", 0}, call + "0 (" + libcText(0) + ")", 0},
-        {{"C", "m", "open", 9999}, call + "9999 (" + libcText(9999) + ")", 9999},
-        {{"BinaryFile", "openFile", "No valid file path set"},
-         "BinaryFile::openFile(): No valid file path set", 0},
-        {{"C", "m", ""}, "C::m(): ", 0},
-        {RavoException("as given"), "as given", 0},
+        {{"C", "m", "open", 0}, call + "0 (" + std::strerror(0) + ")", 0},
+        {{"C", "m", "open", 9999}, call + "9999 (" + std::strerror(9999) + ")", 9999},
+        {{"C", "m", "No valid file path set"}, "C::m(): No valid file path set", 0},
     };
     for (const auto& row : rows) {
         RavoException copy("other");

@@ -1,5 +1,4 @@
-#include "tests/osal/OsalTestThread.h"
-
+#include "Osal/OsalThread.h"
 #include "Osal/commonCppOsalLinux/cpp/OsalLockAutomatically.h"
 #include "tests/support/PrivateDevLog.h"
 
@@ -8,13 +7,41 @@
 #include <csignal>
 #include <memory>
 #include <stdexcept>
+#include <sys/time.h>
 #include <thread>
 #include <vector>
 
 namespace {
 
-using namespace OsalTest;
-using Halvern::CommonCpp::Osal::OsalLockAutomatically;
+using namespace Halvern::CommonCpp::Osal;
+
+struct Shared {
+    OsalSemaphore started{0}, gate{0}, finished{0};
+    std::atomic<int> runs{0};
+    std::string text; // written by the body before `finished` or its end
+    bool flag = false;
+};
+
+// The body is a plain function, so nothing it uses dies with the derived part
+// of the object (the base destructor may still be cancelling the thread).
+class TestThread : public OsalThread {
+public:
+    using Body = void (*)(TestThread& self, Shared& shared);
+    explicit TestThread(Body threadBody) : body(threadBody) {}
+    void run() override { body(*this, *static_cast<Shared*>(getArgument())); }
+    // A stop that only asks: the thread sees it at its next isStopRequested().
+    void cancel() override
+    {
+        if (!cooperativeStop) {
+            OsalThread::cancel();
+        }
+    }
+    OsalRecursiveMutex& stateLock() { return objectLock; }
+    bool cooperativeStop = false;
+
+private:
+    Body body;
+};
 
 void startAndWait(TestThread& thread, Shared& shared)
 {
@@ -28,6 +55,11 @@ void signalThenWaitAtGate(TestThread& /*self*/, Shared& shared)
     shared.gate.lock();
 }
 
+void waitAtGate(TestThread&, Shared& shared)
+{
+    shared.gate.lock();
+}
+
 std::string systemName()
 {
     char name[16] = {};
@@ -35,17 +67,21 @@ std::string systemName()
     return name;
 }
 
-TEST(OsalThread, CountsAsRunningFromStartUntilRunReturnsAndStartsAgain)
+TEST(OsalThread, CountsAsRunningFromStartUntilRunReturnsOrThrowsAndStartsAgain)
 {
     Shared shared;
     TestThread thread([](TestThread& self, Shared& s) {
-        ++s.runs;
-        s.text = self.getName();
+        if (++s.runs == 2) {
+            throw std::runtime_error("disk on fire");
+        }
+        if (s.runs == 3) {
+            throw 42;
+        }
         s.flag = OsalThread::current() == &self && self.getPriority() == OsalThread::getMinPriority();
         signalThenWaitAtGate(self, s);
     });
     EXPECT_FALSE(thread.isRunning());
-    thread.join();  // never started: returns at once
+    thread.join(); // never started: returns at once
     {
         // Holding the object's lock keeps the new thread from reaching run().
         OsalLockAutomatically hold(thread.stateLock(), -1);
@@ -59,34 +95,19 @@ TEST(OsalThread, CountsAsRunningFromStartUntilRunReturnsAndStartsAgain)
     for (int waited = 0; thread.isRunning() && waited < 10000; ++waited) {
         OsalThread::sleep(1);
     }
-    shared.gate.unlock();  // for the second run
-    ASSERT_TRUE(thread.start(&shared)) << "joins the finished, unjoined thread first";
-    thread.join();
-    thread.join();
-    EXPECT_FALSE(thread.isRunning());
-    EXPECT_EQ(2, shared.runs);
-    EXPECT_EQ("", shared.text);
     EXPECT_TRUE(shared.flag) << "current() and the default priority inside run()";
     EXPECT_EQ(nullptr, OsalThread::current());
-}
-
-TEST(OsalThread, ExceptionEscapingRunEndsOnlyThatThread)
-{
-    const std::pair<TestThread::Body, const char*> rows[] = {
-        {[](TestThread&, Shared&) { throw std::runtime_error("disk on fire"); },
-         "[Error] OsalThread: Unhandled exception in thread thrower: disk on fire"},
-        {[](TestThread&, Shared&) { throw 42; },
-         "[Error] OsalThread: Unhandled unknown exception in thread thrower"},
-    };
-    for (const auto& [body, record] : rows) {
-        Shared shared;
-        TestThread thread(body);
-        thread.setName("thrower");
-        ASSERT_TRUE(thread.start(&shared));
+    // An exception escaping run() ends only that thread.
+    thread.setName("thrower");
+    for (const char* record : {"[Error] OsalThread: Unhandled exception in thread thrower: disk on fire",
+                               "[Error] OsalThread: Unhandled unknown exception in thread thrower"}) {
+        ASSERT_TRUE(thread.start(&shared)) << "joins a finished, unjoined thread first";
+        thread.join();
         thread.join();
         EXPECT_FALSE(thread.isRunning());
         EXPECT_TRUE(TestSupport::PrivateDevLog::reader().waitForText(record, 5000)) << record;
     }
+    EXPECT_EQ(3, shared.runs);
 }
 
 TEST(OsalThread, StopOrDestructionCancelsAWaitOnASemaphoreAndLeavesItUsable)
@@ -118,51 +139,34 @@ TEST(OsalThread, StopOrDestructionCancelsAWaitOnASemaphoreAndLeavesItUsable)
     }
 }
 
-TEST(OsalThread, NameReachesTheSystemThreadBeforeAndWhileRunning)
-{
-    Shared shared;
-    TestThread thread([](TestThread& self, Shared& s) {
-        s.text = systemName();
-        signalThenWaitAtGate(self, s);
-        s.text += "/" + systemName();
-    });
-    thread.setName("osal-early");
-    startAndWait(thread, shared);
-    thread.setName(std::string("osal-renamed"));
-    thread.setName("a-name-longer-than-fifteen");  // refused by the system only
-    shared.gate.unlock();
-    thread.join();
-    EXPECT_EQ("osal-early/osal-renamed", shared.text);
-    EXPECT_EQ("a-name-longer-than-fifteen", thread.getName());
-}
-
-TEST(OsalThread, StackSizeAndPriority)
+TEST(OsalThread, NameStackSizeAndPriorityReachTheSystemThread)
 {
     Shared shared;
     TestThread thread([](TestThread& self, Shared& s) {
         pthread_attr_t attributes;
         size_t size = 0;
-        size_t defaultSize = 0;
-        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
-            pthread_attr_getstacksize(&attributes, &size);
-            pthread_attr_destroy(&attributes);
-        }
-        if (pthread_attr_init(&attributes) == 0) {
-            pthread_attr_getstacksize(&attributes, &defaultSize);
-            pthread_attr_destroy(&attributes);
-        }
-        // Below the default, so a size that was not applied shows (sanitizers
-        // may add to it); and not a real-time thread, so the system refuses a
-        // SCHED_RR priority.
-        s.flag = size >= 256 * 1024 && size < defaultSize &&
-                 !self.setPriority(OsalThread::getMinPriority());
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstacksize(&attributes, &size);
+        pthread_attr_destroy(&attributes);
+        // Well below any default stack; and not a real-time thread, so the
+        // system refuses a SCHED_RR priority.
+        s.flag = size >= 256 * 1024 && size < 512 * 1024 && !self.setPriority(OsalThread::getMinPriority());
+        s.text = systemName();
+        signalThenWaitAtGate(self, s);
+        s.text += "/" + systemName();
     });
     EXPECT_FALSE(thread.setStackSize(OsalThread::getMinimumStackSize() - 1));
     EXPECT_TRUE(thread.setStackSize(256 * 1024));
     EXPECT_TRUE(thread.setPriority(OsalThread::getMaxPriority()));
-    ASSERT_TRUE(thread.start(&shared));
+    thread.setName("osal-early");
+    startAndWait(thread, shared);
+    thread.setName(std::string("osal-renamed"));
+    thread.setName("a-name-longer-than-fifteen"); // refused by the system only
+    shared.gate.unlock();
     thread.join();
     EXPECT_TRUE(shared.flag) << "256 KiB stack applied, priority change refused";
+    EXPECT_EQ("osal-early/osal-renamed", shared.text);
+    EXPECT_EQ("a-name-longer-than-fifteen", thread.getName());
     EXPECT_EQ(OsalThread::getMaxPriority(), thread.getPriority());
 }
 
@@ -171,28 +175,15 @@ TEST(OsalThread, SleepYieldsForZeroAndReportsTheRestWhenInterrupted)
     uint32_t remaining = 99;
     EXPECT_TRUE(OsalThread::sleep(0, remaining));
     EXPECT_EQ(0U, remaining);
-
-    struct sigaction noOp = {};
-    noOp.sa_handler = [](int) {};  // no SA_RESTART: the sleep is interrupted
-    struct sigaction previous = {};
-    ASSERT_EQ(0, sigaction(SIGUSR1, &noOp, &previous));
-    Shared shared;
-    std::atomic<uint32_t> left{0};
-    std::thread sleeper([&] {
-        uint32_t rest = 0;
-        shared.flag = OsalThread::sleep(1500, rest);
-        left = rest;
-        shared.finished.unlock();
-    });
-    // Repeated, as one signal may land before the sleep begins.
-    do {
-        pthread_kill(sleeper.native_handle(), SIGUSR1);
-    } while (!shared.finished.lock(20));
-    sleeper.join();
-    sigaction(SIGUSR1, &previous, nullptr);
-    EXPECT_FALSE(shared.flag);
-    EXPECT_GT(left, 0U);
-    EXPECT_LE(left, 1500U);  // timer slack may round an early interruption up
+    struct sigaction noOp = {}, previous = {};
+    noOp.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGALRM, &noOp, &previous));
+    const itimerval after50ms{{0, 0}, {0, 50000}};
+    setitimer(ITIMER_REAL, &after50ms, nullptr);
+    EXPECT_FALSE(OsalThread::sleep(1500, remaining));
+    sigaction(SIGALRM, &previous, nullptr);
+    EXPECT_GT(remaining, 1000U);
+    EXPECT_LE(remaining, 1500U);
 }
 
 TEST(OsalThread, SuspensionParksAThreadUntilResumedOrStopped)
@@ -230,7 +221,7 @@ TEST(OsalThread, ListIsWalkedNewestFirstAndStaysSoundUnderChurn)
         void visit(OsalThread* thread) override
         {
             seen.push_back(thread);
-            total += thread->getName().size();  // touches every object
+            total += thread->getName().size(); // touches every object
         }
         std::vector<OsalThread*> seen;
         size_t total = 0;
@@ -242,23 +233,58 @@ TEST(OsalThread, ListIsWalkedNewestFirstAndStaysSoundUnderChurn)
             OsalThread::forEachThread(collector);
         }
     });
-    auto build = [] {
+    const auto build = [] {
         for (int i = 0; i < 300; ++i) {
-            TestThread([](TestThread&, Shared&) {}).setName("churn");
+            TestThread(waitAtGate).setName("churn");
         }
     };
-    std::thread builderA(build), builderB(build);
-    builderA.join();
-    builderB.join();
+    std::thread builder(build);
+    build();
+    builder.join();
     building = false;
     walker.join();
 
-    const TestThread::Body idle = [](TestThread&, Shared&) {};
-    TestThread first(idle), second(idle), third(idle);
+    TestThread first(waitAtGate), second(waitAtGate), third(waitAtGate);
     Collector collector;
     OsalThread::forEachThread(collector);
     EXPECT_EQ((std::vector<OsalThread*>{&third, &second, &first}), collector.seen)
         << "every churned object left the list";
+}
+
+// The C library's report: "<file>:<line>: <function>: Assertion `!"<text>"' failed."
+std::string report(const std::string& method, const std::string& text)
+{
+    const std::string file = "Osal/commonCppOsalLinux/cpp/" + method.substr(0, method.find(':')) + ".cpp";
+    return file + ":[0-9]+: .*Halvern::CommonCpp::Osal::" + method + ".*: Assertion `!\"" + text +
+           "\"' failed\\.";
+}
+
+TEST(OsalFatalAssertDeathTest, ContractViolationsEndTheProcessNamingTheirSource)
+{
+    // fork() without exec: re-executing the binary fails under qemu-user.
+    GTEST_FLAG_SET(death_test_style, "fast");
+    const std::string range = report("OsalThread::setPriority", "Priority not in allowed range!");
+    const std::string privileged = "OsalThread::enablePrivilegedExecution";
+    const std::string mode = "Setting privileged execution mode ";
+    const std::pair<void (*)(), std::string> rows[] = {
+        {[] { TestThread(waitAtGate).setPriority(OsalThread::getMinPriority() - 1); }, range},
+        {[] { TestThread(waitAtGate).setPriority(OsalThread::getMaxPriority() + 1); }, range},
+        {[] { TestThread(waitAtGate).enablePrivilegedExecution(true); },
+         report(privileged, mode + "NOT supported in this implementation!")},
+        {[] {
+             Shared shared;
+             TestThread running(waitAtGate);
+             running.start(&shared);
+             running.enablePrivilegedExecution(false);
+         },
+         report(privileged, mode + "for running thread NOT possible!")},
+        {[] { OsalBinaryMutex().unlockFromIsr(); },
+         report("OsalBinaryMutex::unlockFromIsr",
+                "Call to illegal method OsalBinaryMutex::unlockFromIsr\\(\\)")},
+    };
+    for (const auto& [violation, pattern] : rows) {
+        EXPECT_DEATH(violation(), pattern);
+    }
 }
 
 } // namespace

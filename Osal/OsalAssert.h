@@ -10,6 +10,5 @@ extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* fi
                                            unsigned int line, const char* function) noexcept;
 #endif
 
-#define OSAL_FATAL_ASSERT(expr, file)                                        \
-    ((expr) ? static_cast<void>(0)                                           \
-            : __assert_fail(#expr, file, __LINE__, __PRETTY_FUNCTION__))
+#define OSAL_FATAL_ASSERT(expr, file)                                                              \
+    ((expr) ? static_cast<void>(0) : __assert_fail(#expr, file, __LINE__, __PRETTY_FUNCTION__))

@@ -21,7 +21,9 @@ namespace Halvern {
 namespace CommonCpp {
 namespace Osal {
 
-class OsalThread : protected OsalBasicThread, public OsalWatchdogTracer, public OsalThreadDoSuspend {
+class OsalThread : protected OsalBasicThread,
+                   public OsalWatchdogTracer,
+                   public OsalThreadDoSuspend {
 public:
     // Visitor for forEachThread(). visit() runs under the list lock: it must
     // not create or destroy thread objects nor call the static list

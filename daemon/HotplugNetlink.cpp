@@ -19,8 +19,8 @@ constexpr uint32_t ueventGroup = 1;
 } // namespace
 
 HotplugNetlink::HotplugNetlink()
-    : netlinkSocket(-1), signalFd(-1), terminate(false), receiveBuffer(), poller(),
-      handlerThread(), logger("HotplugNetlink")
+    : netlinkSocket(-1), signalFd(-1), terminate(false), receiveBuffer(), poller(), handlerThread(),
+      logger("HotplugNetlink")
 {
 }
 
@@ -38,7 +38,8 @@ void HotplugNetlink::run()
         while (!terminate) {
             poller.pollEvents(pollTimeoutMs);
             if (!handlerThread.isRunning()) {
-                throw RavoException("HotplugNetlink", "run", "Handler thread terminated unexpectedly");
+                throw RavoException("HotplugNetlink", "run",
+                                    "Handler thread terminated unexpectedly");
             }
         }
     } catch (const RavoException& exception) {

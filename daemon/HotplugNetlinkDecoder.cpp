@@ -43,7 +43,8 @@ bool deviceTypeOf(const UeventFields& fields, HotplugDeviceType& type)
     } else if (std::strcmp(fields.subsystem, "block") == 0 && hasDevtype &&
                std::strcmp(fields.devtype, "partition") == 0) {
         type = HotplugDeviceType::DiscPartition;
-    } else if (std::strcmp(fields.subsystem, "net") == 0 && std::strncmp(fields.name, "eth", 3) == 0) {
+    } else if (std::strcmp(fields.subsystem, "net") == 0 &&
+               std::strncmp(fields.name, "eth", 3) == 0) {
         type = HotplugDeviceType::UsbEthernet;
     } else {
         return false;

@@ -149,14 +149,15 @@ int runDemo(const std::string& daemonPath)
     demo.showDevice();
 
     demo.say("Unplugging everything");
-    demo.kernelSends({Uevent::net("remove", ethernet + "/1-1.6:1.0/net/eth1", "eth1"),
-                      Uevent::usbDevice("remove", ethernet, "bus/usb/001/006"),
-                      Uevent::ttyUsb("remove", serial + "/1-1.3:1.0/ttyUSB0/tty/ttyUSB0", "ttyUSB0"),
-                      Uevent::ttyUsb("remove", serial + "/1-1.3:1.1/ttyUSB1/tty/ttyUSB1", "ttyUSB1"),
-                      Uevent::usbDevice("remove", serial, "bus/usb/001/005"),
-                      Uevent::partition("remove", stickDisc + "/sda1", "sda1"),
-                      Uevent::disk("remove", stickDisc, "sda"),
-                      Uevent::usbDevice("remove", stick, "bus/usb/001/004")});
+    demo.kernelSends(
+        {Uevent::net("remove", ethernet + "/1-1.6:1.0/net/eth1", "eth1"),
+         Uevent::usbDevice("remove", ethernet, "bus/usb/001/006"),
+         Uevent::ttyUsb("remove", serial + "/1-1.3:1.0/ttyUSB0/tty/ttyUSB0", "ttyUSB0"),
+         Uevent::ttyUsb("remove", serial + "/1-1.3:1.1/ttyUSB1/tty/ttyUSB1", "ttyUSB1"),
+         Uevent::usbDevice("remove", serial, "bus/usb/001/005"),
+         Uevent::partition("remove", stickDisc + "/sda1", "sda1"),
+         Uevent::disk("remove", stickDisc, "sda"),
+         Uevent::usbDevice("remove", stick, "bus/usb/001/004")});
     demo.showDevice();
 
     demo.say("Stopping the daemon with SIGTERM");

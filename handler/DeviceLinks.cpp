@@ -75,11 +75,10 @@ void HotplugHandlerThread::handleLink(HotplugAction action, bool isUart, uint32_
 {
     char linkPath[256];
     if (isUart) {
-        std::snprintf(linkPath, sizeof(linkPath), "%s%u-%u/uart%d", "/ravo500/devs/usb", hub,
-                      port, uartNumber);
+        std::snprintf(linkPath, sizeof(linkPath), "%s%u-%u/uart%d", "/ravo500/devs/usb", hub, port,
+                      uartNumber);
     } else {
-        std::snprintf(linkPath, sizeof(linkPath), "%s%u-%u/usbdev", "/ravo500/devs/usb", hub,
-                      port);
+        std::snprintf(linkPath, sizeof(linkPath), "%s%u-%u/usbdev", "/ravo500/devs/usb", hub, port);
     }
     const std::string target = "/dev/" + deviceName;
     try {

@@ -66,8 +66,7 @@ void HotplugHandlerThread::searchExistingDevices(const std::string& directory)
                 const int error = errno;
                 char text[256];
                 logger.error() << "Error getting the statistics of  " << entryPath << ": " << error
-                               << " (" << strerror_r(error, text, sizeof(text)) << ")"
-                               << std::endl;
+                               << " (" << strerror_r(error, text, sizeof(text)) << ")" << std::endl;
                 continue;
             }
             if (S_ISLNK(status.st_mode)) {

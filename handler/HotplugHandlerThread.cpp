@@ -79,7 +79,8 @@ void HotplugHandlerThread::init()
     };
     try {
         for (const auto& entry : patterns) {
-            const int result = (this->*entry.field).compile(entry.pattern, REG_EXTENDED | REG_NOSUB);
+            const int result =
+                (this->*entry.field).compile(entry.pattern, REG_EXTENDED | REG_NOSUB);
             if (result != 0) {
                 logger.error() << entry.failureMessage << result << std::endl;
             }

@@ -29,11 +29,11 @@ void HotplugHandlerThread::handleUsbDeviceEvent(HotplugEvent& event)
         return;
     }
     if (event.action == HotplugAction::Add) {
-        logger.debug() << "New USB device found at hub " << hub << " port " << port
-                       << " and /dev/" << event.deviceName << std::endl;
+        logger.debug() << "New USB device found at hub " << hub << " port " << port << " and /dev/"
+                       << event.deviceName << std::endl;
     } else {
-        logger.debug() << "USB device removed from hub " << hub << " port " << port
-                       << " and /dev/" << event.deviceName << std::endl;
+        logger.debug() << "USB device removed from hub " << hub << " port " << port << " and /dev/"
+                       << event.deviceName << std::endl;
     }
     handleLink(event.action, false, hub, port, 0, event.deviceName);
 }

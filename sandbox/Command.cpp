@@ -73,7 +73,8 @@ std::string Command::run(const std::vector<std::string>& arguments, const std::s
         throw std::runtime_error("Command::run: " + arguments[0] + " is not installed");
     }
     UniqueFd in = memoryFile("stdin");
-    if (!input.empty() && pwrite(in.get(), input.data(), input.size(), 0) != static_cast<ssize_t>(input.size())) {
+    if (!input.empty() &&
+        pwrite(in.get(), input.data(), input.size(), 0) != static_cast<ssize_t>(input.size())) {
         throw systemError("Command: pwrite stdin");
     }
     UniqueFd out = memoryFile("stdout");
@@ -107,9 +108,11 @@ std::string Command::run(const std::vector<std::string>& arguments, const std::s
         }
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        const std::string how = WIFEXITED(status) ? "exit status " + std::to_string(WEXITSTATUS(status))
-                                                  : "signal " + std::to_string(WTERMSIG(status));
-        throw std::runtime_error("Command: " + joined(arguments) + " failed (" + how + "): " + contents(err));
+        const std::string how = WIFEXITED(status)
+                                    ? "exit status " + std::to_string(WEXITSTATUS(status))
+                                    : "signal " + std::to_string(WTERMSIG(status));
+        throw std::runtime_error("Command: " + joined(arguments) + " failed (" + how +
+                                 "): " + contents(err));
     }
     return contents(out);
 }

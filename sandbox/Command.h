@@ -13,7 +13,8 @@ public:
     // Runs arguments[0], found in the sbin and bin directories, with stdin
     // from /dev/null (or from `input`) and returns its standard output; throws
     // std::runtime_error when it cannot start or exits other than with 0.
-    static std::string run(const std::vector<std::string>& arguments, const std::string& input = "");
+    static std::string run(const std::vector<std::string>& arguments,
+                           const std::string& input = "");
 
     // The full path of a tool, or "" when it is not installed.
     static std::string find(const std::string& program);

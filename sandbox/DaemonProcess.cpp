@@ -21,10 +21,22 @@ namespace Sandbox {
 namespace {
 
 // What the child reports through the status pipe when a step fails.
-enum Step { DeathSignal, ParentGone, EnterNetwork, Redirect, ChangeRoot, ChangeDirectory, Execute, StepCount };
-const char* const stepNames[StepCount] = {"prctl(PR_SET_PDEATHSIG)", "parent ended before the start",
-                                          "setns(CLONE_NEWNET)",     "dup2 of stdin/stdout/stderr",
-                                          "chroot",                  "chdir(/)",
+enum Step {
+    DeathSignal,
+    ParentGone,
+    EnterNetwork,
+    Redirect,
+    ChangeRoot,
+    ChangeDirectory,
+    Execute,
+    StepCount
+};
+const char* const stepNames[StepCount] = {"prctl(PR_SET_PDEATHSIG)",
+                                          "parent ended before the start",
+                                          "setns(CLONE_NEWNET)",
+                                          "dup2 of stdin/stdout/stderr",
+                                          "chroot",
+                                          "chdir(/)",
                                           "fexecve"};
 struct Report {
     int step;
@@ -68,7 +80,7 @@ DaemonProcess::DaemonProcess(const Launch& launch)
     char* environment[] = {path, nullptr};
     sigset_t noSignals;
     sigemptyset(&noSignals);
-    struct sigaction defaultAction{};
+    struct sigaction defaultAction {};
     defaultAction.sa_handler = SIG_DFL;
     const pid_t parent = getpid();
 
@@ -121,11 +133,14 @@ DaemonProcess::DaemonProcess(const Launch& launch)
     }
     if (length != 0) {
         reap(true);
-        if (length == static_cast<ssize_t>(sizeof(report)) && report.step >= 0 && report.step < StepCount) {
-            throw systemError("DaemonProcess: starting " + launch.binaryPath + ": " + stepNames[report.step],
+        if (length == static_cast<ssize_t>(sizeof(report)) && report.step >= 0 &&
+            report.step < StepCount) {
+            throw systemError("DaemonProcess: starting " + launch.binaryPath + ": " +
+                                  stepNames[report.step],
                               report.error);
         }
-        throw std::runtime_error("DaemonProcess: starting " + launch.binaryPath + ": no report from the child");
+        throw std::runtime_error("DaemonProcess: starting " + launch.binaryPath +
+                                 ": no report from the child");
     }
     if (!pidFd.valid()) {
         kill(processId, SIGKILL);
@@ -202,7 +217,7 @@ bool DaemonProcess::listensForUevents() const
     // The file lists the sockets of the process's own network namespace.
     std::ifstream table("/proc/" + std::to_string(processId) + "/net/netlink");
     std::string line;
-    std::getline(table, line);  // header
+    std::getline(table, line); // header
     while (std::getline(table, line)) {
         std::istringstream fields(line);
         std::string socket;
@@ -210,8 +225,8 @@ bool DaemonProcess::listensForUevents() const
         unsigned long port = 0;
         unsigned long groups = 0;
         fields >> socket >> protocol >> port >> std::hex >> groups;
-        if (fields && protocol == NETLINK_KOBJECT_UEVENT && port == static_cast<unsigned long>(processId) &&
-            (groups & 1) != 0) {
+        if (fields && protocol == NETLINK_KOBJECT_UEVENT &&
+            port == static_cast<unsigned long>(processId) && (groups & 1) != 0) {
             return true;
         }
     }

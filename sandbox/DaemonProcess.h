@@ -16,8 +16,8 @@ public:
     struct Launch {
         std::string binaryPath;
         std::string rootDirectory;
-        int networkNamespaceFd = -1;  // -1: the caller's namespace
-        std::string outputPath;       // receives stdout and stderr
+        int networkNamespaceFd = -1; // -1: the caller's namespace
+        std::string outputPath;      // receives stdout and stderr
     };
 
     // Returns once the binary runs; throws std::runtime_error naming the step
@@ -41,7 +41,7 @@ public:
 
 private:
     pid_t processId = -1;
-    UniqueFd pidFd;  // readable when the process has ended
+    UniqueFd pidFd; // readable when the process has ended
     bool reaped = false;
     int status = -1;
 

@@ -18,8 +18,8 @@ std::string majorMinor(dev_t device)
 
 std::string ueventText(dev_t device, const std::string& devname, const std::string& devtype)
 {
-    std::string text = "MAJOR=" + std::to_string(major(device)) + "\nMINOR=" + std::to_string(minor(device)) +
-                       "\nDEVNAME=" + devname + "\n";
+    std::string text = "MAJOR=" + std::to_string(major(device)) +
+                       "\nMINOR=" + std::to_string(minor(device)) + "\nDEVNAME=" + devname + "\n";
     if (!devtype.empty()) {
         text += "DEVTYPE=" + devtype + "\n";
     }
@@ -69,9 +69,11 @@ void FakeSysfs::addCharDevice(const std::string& devpath, const std::string& dev
     addLink("dev/char/" + majorMinor(device), linkTarget(devpath));
 }
 
-void FakeSysfs::addNetInterface(const std::string& name, const std::string& devpath, const std::string& mac)
+void FakeSysfs::addNetInterface(const std::string& name, const std::string& devpath,
+                                const std::string& mac)
 {
-    addDevice(devpath, "INTERFACE=" + name + "\nIFINDEX=" + std::to_string(nextInterfaceIndex++) + "\n");
+    addDevice(devpath,
+              "INTERFACE=" + name + "\nIFINDEX=" + std::to_string(nextInterfaceIndex++) + "\n");
     addFile(devpath + "/address", mac + "\n");
     addLink("class/net/" + name, linkTarget(devpath));
 }

@@ -26,7 +26,8 @@ public:
                        const std::string& devtype = "");
     // An interface whose devpath ends in "/net/" + name, its "address" file
     // (mac and a line feed) and the link /sys/class/net/name.
-    void addNetInterface(const std::string& name, const std::string& devpath, const std::string& mac);
+    void addNetInterface(const std::string& name, const std::string& devpath,
+                         const std::string& mac);
 
     // Escape hatches for shapes the helpers do not make; paths are relative
     // to the sys directory ("dev/block/8:9").

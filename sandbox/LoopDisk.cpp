@@ -61,7 +61,8 @@ LoopDisk::LoopDisk(const std::vector<Partition>& layout) : partitions(layout)
         for (size_t number = 1; number <= partitions.size(); ++number) {
             const std::string& fileSystem = partition(number).fileSystem;
             if (!fileSystem.empty()) {
-                Command::run({"mkfs." + fileSystem, "-q", "-E", "nodiscard", node(partitionName(number))});
+                Command::run(
+                    {"mkfs." + fileSystem, "-q", "-E", "nodiscard", node(partitionName(number))});
             }
         }
     } catch (...) {
@@ -114,7 +115,8 @@ void LoopDisk::removeWorkDirectory() noexcept
         return;
     }
     if (umount2(workDirectory.c_str(), MNT_DETACH) != 0 || rmdir(workDirectory.c_str()) != 0) {
-        std::fprintf(stderr, "LoopDisk: removing %s: %s\n", workDirectory.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "LoopDisk: removing %s: %s\n", workDirectory.c_str(),
+                     std::strerror(errno));
     }
     workDirectory.clear();
 }
@@ -168,7 +170,8 @@ void LoopDisk::attach(const std::string& imagePath)
         }
         // Another process took the device between the two calls: ask for the next.
     }
-    throw std::runtime_error("LoopDisk: no free loop device after " + std::to_string(attempts) + " attempts");
+    throw std::runtime_error("LoopDisk: no free loop device after " + std::to_string(attempts) +
+                             " attempts");
 }
 
 void LoopDisk::addPartitions()
@@ -196,11 +199,13 @@ void LoopDisk::detach() noexcept
     try {
         Command::run({"partx", "-d", node(loopName)});
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "LoopDisk: removing the partitions of %s: %s\n", loopName.c_str(), error.what());
+        std::fprintf(stderr, "LoopDisk: removing the partitions of %s: %s\n", loopName.c_str(),
+                     error.what());
     }
     // With others still holding the device this only defers the detach (autoclear).
     if (ioctl(loopFd.get(), LOOP_CLR_FD) != 0) {
-        std::fprintf(stderr, "LoopDisk: ioctl(LOOP_CLR_FD) on %s: %s\n", loopName.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "LoopDisk: ioctl(LOOP_CLR_FD) on %s: %s\n", loopName.c_str(),
+                     std::strerror(errno));
     }
     loopFd.reset();
 }
@@ -208,7 +213,8 @@ void LoopDisk::detach() noexcept
 const LoopDisk::Partition& LoopDisk::partition(size_t number) const
 {
     if (number < 1 || number > partitions.size()) {
-        throw std::out_of_range("LoopDisk: no partition " + std::to_string(number) + " on " + loopName);
+        throw std::out_of_range("LoopDisk: no partition " + std::to_string(number) + " on " +
+                                loopName);
     }
     return partitions[number - 1];
 }

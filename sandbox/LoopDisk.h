@@ -19,7 +19,7 @@ class LoopDisk {
 public:
     struct Partition {
         unsigned sizeMiB = 8;
-        std::string fileSystem;  // "ext2", "ext3", "ext4", or "" to leave it unformatted
+        std::string fileSystem; // "ext2", "ext3", "ext4", or "" to leave it unformatted
     };
 
     // Throws std::runtime_error with the failing step; undoes what was done.
@@ -31,10 +31,10 @@ public:
     // Whether loop devices and the tools are there; false with the reason.
     static bool available(std::string& why);
 
-    const std::string& name() const { return loopName; }           // "loop3"
+    const std::string& name() const { return loopName; } // "loop3"
     size_t partitionCount() const { return partitions.size(); }
     // Partitions count from 1, as the kernel numbers them.
-    std::string partitionName(size_t number) const;               // "loop3p1"
+    std::string partitionName(size_t number) const; // "loop3p1"
     dev_t partitionDevice(size_t number) const;
     // The kernel's DEVPATH of the partition, such as /devices/virtual/block/loop3/loop3p1.
     std::string partitionDevpath(size_t number) const;
@@ -43,9 +43,9 @@ public:
     void triggerUevent(size_t number, const std::string& action) const;
 
 private:
-    std::string workDirectory;  // tmpfs with the image and the device nodes
+    std::string workDirectory; // tmpfs with the image and the device nodes
     std::string loopName;
-    UniqueFd loopFd;  // held open so that the device stays ours, see attach()
+    UniqueFd loopFd; // held open so that the device stays ours, see attach()
     std::vector<Partition> partitions;
 
     std::string node(const std::string& name) const { return workDirectory + "/" + name; }

@@ -11,10 +11,10 @@ namespace Sandbox {
 class MountTable {
 public:
     struct Entry {
-        std::string mountPoint;  // as seen from this process's root
+        std::string mountPoint; // as seen from this process's root
         std::string fsType;
         std::string source;
-        std::string options;     // per-mount options, such as "ro,relatime"
+        std::string options; // per-mount options, such as "ro,relatime"
 
         bool readOnly() const;
     };

@@ -22,8 +22,8 @@ bool entered = false;
 // Unknown counts as shared: unsharing once more is the safe side.
 bool sharesParentsMountNamespace()
 {
-    struct stat mine{};
-    struct stat parents{};
+    struct stat mine {};
+    struct stat parents {};
     const std::string parentPath = "/proc/" + std::to_string(getppid()) + "/ns/mnt";
     if (stat("/proc/thread-self/ns/mnt", &mine) != 0 || stat(parentPath.c_str(), &parents) != 0) {
         return true;
@@ -73,7 +73,8 @@ void Namespaces::enterPrivateMountNamespace()
     // (and started threads since): that one serves as well.
     if (sharesParentsMountNamespace()) {
         if (threadCount() != 1) {
-            throw std::logic_error("Namespaces::enterPrivateMountNamespace: the process has more than one thread");
+            throw std::logic_error(
+                "Namespaces::enterPrivateMountNamespace: the process has more than one thread");
         }
         if (unshare(CLONE_NEWNS) != 0) {
             throw systemError("Namespaces::enterPrivateMountNamespace: unshare(CLONE_NEWNS)");
@@ -119,7 +120,8 @@ bool Namespaces::canRun(std::string& why)
     std::string message;
     char buffer[256];
     ssize_t length;
-    while ((length = read(readEnd.get(), buffer, sizeof(buffer))) > 0 || (length < 0 && errno == EINTR)) {
+    while ((length = read(readEnd.get(), buffer, sizeof(buffer))) > 0 ||
+           (length < 0 && errno == EINTR)) {
         if (length > 0) {
             message.append(buffer, static_cast<size_t>(length));
         }
@@ -130,7 +132,8 @@ bool Namespaces::canRun(std::string& why)
     if (message.size() > sizeof(int)) {
         int error = 0;
         std::memcpy(&error, message.data(), sizeof(error));
-        why = "namespaces are not available here: " + message.substr(sizeof(int)) + ": " + std::strerror(error);
+        why = "namespaces are not available here: " + message.substr(sizeof(int)) + ": " +
+              std::strerror(error);
         return false;
     }
     return true;

@@ -28,7 +28,8 @@ UniqueFd RootView::open(const std::string& insidePath, int flags) const
     open_how how{};
     how.flags = static_cast<__u64>(flags | O_CLOEXEC);
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    return UniqueFd(static_cast<int>(syscall(SYS_openat2, rootFd.get(), insidePath.c_str(), &how, sizeof(how))));
+    return UniqueFd(static_cast<int>(
+        syscall(SYS_openat2, rootFd.get(), insidePath.c_str(), &how, sizeof(how))));
 }
 
 bool RootView::exists(const std::string& insidePath) const
@@ -87,7 +88,7 @@ std::vector<std::string> RootView::list(const std::string& insideDirectory) cons
     if (directory == nullptr) {
         throw systemError("RootView::list: fdopendir " + insideDirectory);
     }
-    fd.release();  // the directory stream owns it now
+    fd.release(); // the directory stream owns it now
     std::vector<std::string> names;
     errno = 0;
     while (const dirent* entry = readdir(directory)) {

@@ -19,7 +19,8 @@ public:
     bool exists(const std::string& insidePath) const;
     std::string readLink(const std::string& insidePath) const;
     std::string readFile(const std::string& insidePath) const;
-    std::vector<std::string> list(const std::string& insideDirectory) const;  // sorted, without . and ..
+    std::vector<std::string>
+    list(const std::string& insideDirectory) const; // sorted, without . and ..
 
 private:
     UniqueFd rootFd;

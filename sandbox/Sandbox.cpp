@@ -56,8 +56,10 @@ Sandbox::Sandbox(const Options& chosen) : options(chosen)
     Namespaces::enterPrivateMountNamespace();
     try {
         layOut();
-        // Reads from its own thread: a daemon that logs while the test is busy elsewhere must not block.
-        reader = std::make_unique<SyslogReader>(path("/dev/log"), SyslogReader::Collection::Background);
+        // Reads from its own thread: a daemon that logs while the test is busy elsewhere must not
+        // block.
+        reader =
+            std::make_unique<SyslogReader>(path("/dev/log"), SyslogReader::Collection::Background);
         if (options.network == Network::Isolated) {
             network = std::make_unique<IsolatedNetwork>();
             sender = std::make_unique<UeventSender>(network->fd());
@@ -153,7 +155,7 @@ void Sandbox::bindReadOnly(const std::string& hostPath, const std::string& insid
 void Sandbox::mirrorTopLevelLink(const std::string& name) const
 {
     const std::string hostPath = "/" + name;
-    struct stat status{};
+    struct stat status {};
     if (lstat(hostPath.c_str(), &status) != 0) {
         return;
     }
@@ -215,7 +217,8 @@ void Sandbox::start()
 DaemonProcess& Sandbox::running(const char* method) const
 {
     if (!daemon) {
-        throw std::logic_error(std::string("Sandbox::") + method + ": the daemon was never started");
+        throw std::logic_error(std::string("Sandbox::") + method +
+                               ": the daemon was never started");
     }
     return *daemon;
 }
@@ -339,7 +342,8 @@ void Sandbox::tearDown() noexcept
         try {
             for (const auto& mountPoint : MountTable::below(baseDirectory)) {
                 if (umount2(mountPoint.c_str(), MNT_DETACH) != 0) {
-                    std::fprintf(stderr, "Sandbox: umount2 %s: %s\n", mountPoint.c_str(), std::strerror(errno));
+                    std::fprintf(stderr, "Sandbox: umount2 %s: %s\n", mountPoint.c_str(),
+                                 std::strerror(errno));
                 }
             }
         } catch (const std::exception& error) {
@@ -347,12 +351,14 @@ void Sandbox::tearDown() noexcept
             std::fprintf(stderr, "Sandbox: %s\n", error.what());
         }
         if (umount2(baseDirectory.c_str(), MNT_DETACH) != 0) {
-            std::fprintf(stderr, "Sandbox: umount2 %s: %s\n", baseDirectory.c_str(), std::strerror(errno));
+            std::fprintf(stderr, "Sandbox: umount2 %s: %s\n", baseDirectory.c_str(),
+                         std::strerror(errno));
         }
         baseMounted = false;
     }
     if (!baseDirectory.empty() && rmdir(baseDirectory.c_str()) != 0) {
-        std::fprintf(stderr, "Sandbox: rmdir %s: %s\n", baseDirectory.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "Sandbox: rmdir %s: %s\n", baseDirectory.c_str(),
+                     std::strerror(errno));
     }
     baseDirectory.clear();
 }

@@ -29,8 +29,8 @@ class UeventSender;
 class Sandbox {
 public:
     enum class Network {
-        Isolated,  // own namespace: injected datagrams only, no host uevents
-        Initial,   // the host's: real kernel uevents, injecting is refused
+        Isolated, // own namespace: injected datagrams only, no host uevents
+        Initial,  // the host's: real kernel uevents, injecting is refused
     };
     enum class ProcFilesystems { HostCopy, Custom, Absent };
 
@@ -38,11 +38,11 @@ public:
         std::string daemonPath;
         Network network = Network::Isolated;
         ProcFilesystems procFilesystems = ProcFilesystems::HostCopy;
-        std::string procFilesystemsText;  // the file's content for Custom
+        std::string procFilesystemsText; // the file's content for Custom
         // Directories made under /ravo500/devs, "usb1-1" to "usb2-7" by default.
         std::vector<std::string> portDirectories = defaultPortDirectories();
-        bool cascadeDirectory = true;  // /ravo500/devs/cascade
-        bool mntUsb = true;            // /mnt/usb
+        bool cascadeDirectory = true; // /ravo500/devs/cascade
+        bool mntUsb = true;           // /mnt/usb
     };
     static std::vector<std::string> defaultPortDirectories();
 
@@ -81,10 +81,10 @@ public:
     // Inspection. Inside paths resolve as in the daemon's root: absolute
     // links made by the daemon do not lead out into the host.
     std::string path(const std::string& insidePath) const;
-    bool exists(const std::string& insidePath) const;  // a dangling link exists
+    bool exists(const std::string& insidePath) const; // a dangling link exists
     std::string readLink(const std::string& insidePath) const;
     std::string readFile(const std::string& insidePath) const;
-    std::vector<std::string> list(const std::string& insideDirectory) const;  // sorted names
+    std::vector<std::string> list(const std::string& insideDirectory) const; // sorted names
     bool isMounted(const std::string& insidePath) const;
     bool findMount(const std::string& insidePath, MountTable::Entry& entry) const;
 
@@ -93,7 +93,7 @@ public:
 
 private:
     Options options;
-    std::string baseDirectory;  // tmpfs: root/ and the daemon's output file
+    std::string baseDirectory; // tmpfs: root/ and the daemon's output file
     std::string rootDirectory;
     bool baseMounted = false;
     std::unique_ptr<RootView> view;

@@ -25,12 +25,13 @@ namespace Sandbox {
 class SyslogReader {
 public:
     enum class Collection {
-        OnDemand,    // read only inside next(): no thread
-        Background,  // a thread reads at once; next() hands out what it has
+        OnDemand,   // read only inside next(): no thread
+        Background, // a thread reads at once; next() hands out what it has
     };
 
     // Binds the socket; throws std::runtime_error on failure.
-    explicit SyslogReader(const std::string& socketPath, Collection collection = Collection::OnDemand);
+    explicit SyslogReader(const std::string& socketPath,
+                          Collection collection = Collection::OnDemand);
     ~SyslogReader();
     SyslogReader(const SyslogReader&) = delete;
     SyslogReader& operator=(const SyslogReader&) = delete;
@@ -56,7 +57,7 @@ public:
 private:
     std::string socketPath;
     UniqueFd socketFd;
-    UniqueFd stopFd;  // eventfd that ends the collector thread
+    UniqueFd stopFd; // eventfd that ends the collector thread
     std::vector<SyslogRecord> records;
 
     // Shared with the collector thread; the socket is read only under the
@@ -69,7 +70,7 @@ private:
     std::thread collector;
 
     void collect();
-    void receivePending();  // with the mutex held
+    void receivePending(); // with the mutex held
     bool waitForSocket(std::unique_lock<std::mutex>& lock,
                        std::chrono::steady_clock::time_point deadline);
 };

@@ -7,7 +7,7 @@ namespace Sandbox {
 namespace {
 // "Mmm dd hh:mm:ss " as syslog() writes it with "%h %e %T ".
 constexpr std::string::size_type timestampLength = 16;
-}
+} // namespace
 
 bool SyslogRecord::parse(const std::string& datagram, SyslogRecord& record)
 {

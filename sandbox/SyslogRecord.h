@@ -7,9 +7,9 @@
 namespace Sandbox {
 
 struct SyslogRecord {
-    int priority = -1;     // facility | level
-    std::string identity;  // the openlog() identity
-    std::string text;      // what the program logged
+    int priority = -1;    // facility | level
+    std::string identity; // the openlog() identity
+    std::string text;     // what the program logged
 
     int level() const { return priority & 7; }
     int facility() const { return priority & ~7; }

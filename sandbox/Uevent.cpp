@@ -23,35 +23,40 @@ Uevent::Uevent(const std::string& action, const std::string& devpath)
     pairs = {{"ACTION", action}, {"DEVPATH", devpath}};
 }
 
-Uevent Uevent::partition(const std::string& action, const std::string& devpath, const std::string& devname)
+Uevent Uevent::partition(const std::string& action, const std::string& devpath,
+                         const std::string& devname)
 {
     Uevent event(action, devpath);
     event.set("SUBSYSTEM", "block").set("DEVNAME", devname).set("DEVTYPE", "partition");
     return event;
 }
 
-Uevent Uevent::disk(const std::string& action, const std::string& devpath, const std::string& devname)
+Uevent Uevent::disk(const std::string& action, const std::string& devpath,
+                    const std::string& devname)
 {
     Uevent event(action, devpath);
     event.set("SUBSYSTEM", "block").set("DEVNAME", devname).set("DEVTYPE", "disk");
     return event;
 }
 
-Uevent Uevent::usbDevice(const std::string& action, const std::string& devpath, const std::string& devname)
+Uevent Uevent::usbDevice(const std::string& action, const std::string& devpath,
+                         const std::string& devname)
 {
     Uevent event(action, devpath);
     event.set("SUBSYSTEM", "usb").set("DEVNAME", devname).set("DEVTYPE", "usb_device");
     return event;
 }
 
-Uevent Uevent::ttyUsb(const std::string& action, const std::string& devpath, const std::string& devname)
+Uevent Uevent::ttyUsb(const std::string& action, const std::string& devpath,
+                      const std::string& devname)
 {
     Uevent event(action, devpath);
     event.set("SUBSYSTEM", "tty").set("DEVNAME", devname);
     return event;
 }
 
-Uevent Uevent::net(const std::string& action, const std::string& devpath, const std::string& interface)
+Uevent Uevent::net(const std::string& action, const std::string& devpath,
+                   const std::string& interface)
 {
     Uevent event(action, devpath);
     event.set("SUBSYSTEM", "net").set("INTERFACE", interface);
@@ -64,8 +69,8 @@ Uevent& Uevent::set(const std::string& key, const std::string& value)
         sequenceNumber = value;
         return *this;
     }
-    const auto found =
-        std::find_if(pairs.begin(), pairs.end(), [&key](const auto& pair) { return pair.first == key; });
+    const auto found = std::find_if(pairs.begin(), pairs.end(),
+                                    [&key](const auto& pair) { return pair.first == key; });
     if (found == pairs.end()) {
         return append(key, value);
     }
@@ -84,7 +89,8 @@ Uevent& Uevent::erase(const std::string& key)
     if (key == sequenceKey) {
         sequenceNumber.clear();
     }
-    pairs.erase(std::remove_if(pairs.begin(), pairs.end(), [&key](const auto& pair) { return pair.first == key; }),
+    pairs.erase(std::remove_if(pairs.begin(), pairs.end(),
+                               [&key](const auto& pair) { return pair.first == key; }),
                 pairs.end());
     return *this;
 }

@@ -16,11 +16,16 @@ public:
     Uevent(const std::string& action, const std::string& devpath);
 
     // The kinds the daemon cares about, with the keys the kernel sends for them.
-    static Uevent partition(const std::string& action, const std::string& devpath, const std::string& devname);
-    static Uevent disk(const std::string& action, const std::string& devpath, const std::string& devname);
-    static Uevent usbDevice(const std::string& action, const std::string& devpath, const std::string& devname);
-    static Uevent ttyUsb(const std::string& action, const std::string& devpath, const std::string& devname);
-    static Uevent net(const std::string& action, const std::string& devpath, const std::string& interface);
+    static Uevent partition(const std::string& action, const std::string& devpath,
+                            const std::string& devname);
+    static Uevent disk(const std::string& action, const std::string& devpath,
+                       const std::string& devname);
+    static Uevent usbDevice(const std::string& action, const std::string& devpath,
+                            const std::string& devname);
+    static Uevent ttyUsb(const std::string& action, const std::string& devpath,
+                         const std::string& devname);
+    static Uevent net(const std::string& action, const std::string& devpath,
+                      const std::string& interface);
 
     // Replaces the value of the key where it stands, or appends the key.
     Uevent& set(const std::string& key, const std::string& value);

@@ -40,8 +40,8 @@ void UeventSender::send(const std::string& datagram) const
     const ssize_t sent = sendto(socketFd.get(), datagram.data(), datagram.size(), 0,
                                 reinterpret_cast<const sockaddr*>(&group), sizeof(group));
     if (sent < 0) {
-        throw systemError("UeventSender::send: sendto uevent group 1 (" + std::to_string(datagram.size()) +
-                          " bytes)");
+        throw systemError("UeventSender::send: sendto uevent group 1 (" +
+                          std::to_string(datagram.size()) + " bytes)");
     }
     if (static_cast<size_t>(sent) != datagram.size()) {
         throw std::runtime_error("UeventSender::send: sent " + std::to_string(sent) + " of " +

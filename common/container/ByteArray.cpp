@@ -20,8 +20,7 @@ ByteArray& ByteArray::operator=(const ByteArray& other)
     return *this;
 }
 
-ByteArray::ByteArray(ByteArray&& other) noexcept
-    : bytes(std::move(other.bytes)), count(other.count)
+ByteArray::ByteArray(ByteArray&& other) noexcept : bytes(std::move(other.bytes)), count(other.count)
 {
     other.count = 0;
 }

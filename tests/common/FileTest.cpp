@@ -28,8 +28,8 @@ const uint8_t* bytes(const std::string& text)
 
 std::pair<std::string, int> failedCall(const std::string& where, const std::string& call, int error)
 {
-    return {where + "(): The call to " + call + "() returns the error: " + std::to_string(error) + " (" +
-                std::strerror(error) + ")",
+    return {where + "(): The call to " + call + "() returns the error: " + std::to_string(error) +
+                " (" + std::strerror(error) + ")",
             error};
 }
 
@@ -37,7 +37,8 @@ int64_t msTaken(const std::function<void()>& action)
 {
     const auto start = std::chrono::steady_clock::now();
     action();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start)
         .count();
 }
 
@@ -47,7 +48,8 @@ protected:
     static size_t openDescriptors()
     {
         using std::filesystem::directory_iterator;
-        return static_cast<size_t>(std::distance(directory_iterator("/proc/self/fd"), directory_iterator()));
+        return static_cast<size_t>(
+            std::distance(directory_iterator("/proc/self/fd"), directory_iterator()));
     }
     void SetUp() override { ASSERT_NE(mkdtemp(dir.data()), nullptr); }
     void TearDown() override
@@ -102,19 +104,22 @@ TEST_F(FileUtilTest, MoveFileChecksNamesPausesAndRetriesFiveTimesWhileBusy)
               "FileUtil::moveFile(): Destination file name empty!");
     const std::string source = dir + "/source", target = dir + "/target";
     const auto move = [&] { return failure([&] { FileUtil::moveFile(source, target); }); };
-    EXPECT_LT(msTaken([&] { EXPECT_EQ(move(), failedCall("FileUtil::moveFile", "rename", ENOENT)); }), 90);
+    EXPECT_LT(
+        msTaken([&] { EXPECT_EQ(move(), failedCall("FileUtil::moveFile", "rename", ENOENT)); }),
+        90);
     writeFile(source, "s");
     writeFile(target, "t");
     ASSERT_EQ(mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr), 0);
-    const int64_t ms =
-        msTaken([&] { EXPECT_EQ(move(), failedCall("FileUtil::moveFile", "retried rename", EBUSY)); });
+    const int64_t ms = msTaken(
+        [&] { EXPECT_EQ(move(), failedCall("FileUtil::moveFile", "retried rename", EBUSY)); });
     EXPECT_TRUE(ms >= 500 && ms < 590) << ms << " ms: a sixth attempt would add a pause";
 
     std::thread unmount([&] { // while the second attempt pauses
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         EXPECT_EQ(umount2(target.c_str(), MNT_DETACH), 0);
     });
-    EXPECT_GE(msTaken([&] { EXPECT_EQ(move().first, "no exception"); }), 300) << "paused after success too";
+    EXPECT_GE(msTaken([&] { EXPECT_EQ(move().first, "no exception"); }), 300)
+        << "paused after success too";
     unmount.join();
     EXPECT_EQ(readFile(target), "s");
 }
@@ -136,7 +141,8 @@ TEST_F(FileUtilTest, CopiesCompareEqualAndChangedCopiesDoNot)
         EXPECT_EQ(readFile(copy), pattern(size));
         EXPECT_EQ(equalCount(source, copy), 2) << size;
         // A longer copy, and one whose last byte differs.
-        for (const std::string& changed : {pattern(size) + "!", pattern(size).substr(0, size - 1) + "!"}) {
+        for (const std::string& changed :
+             {pattern(size) + "!", pattern(size).substr(0, size - 1) + "!"}) {
             writeFile(copy, changed);
             EXPECT_EQ(equalCount(source, copy), 0) << size;
         }
@@ -203,7 +209,8 @@ TEST_F(BinaryFileTest, ReadAndWriteRetryInterruptedAndShortTransfers)
     tickFd = in.fds[1];
     {
         const Ticker feedOneByte([](int) { (void)!write(tickFd, "t", 1); });
-        EXPECT_EQ(failure([&] { EXPECT_EQ(reader.readData(buffer, 4), 4u); }).first, "no exception");
+        EXPECT_EQ(failure([&] { EXPECT_EQ(reader.readData(buffer, 4), 4u); }).first,
+                  "no exception");
     }
     std::string full; // the first write() blocks before moving a byte
     while (write(out.fds[1], "-", 1) == 1) {

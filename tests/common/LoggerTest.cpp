@@ -17,14 +17,18 @@ TEST_F(LoggerTest, RecordsCarryTagPriorityNameAndTheFirstNonEmptyIdentity)
         std::ostream& (Logger::*stream)();
         int level;
         std::string tag;
-    } levels[] = {{&Logger::debug, LOG_DEBUG, "Debug"}, {&Logger::info, LOG_INFO, "Info "},
-                  {&Logger::warn, LOG_WARNING, "Warn "}, {&Logger::error, LOG_ERR, "Error"},
+    } levels[] = {{&Logger::debug, LOG_DEBUG, "Debug"},
+                  {&Logger::info, LOG_INFO, "Info "},
+                  {&Logger::warn, LOG_WARNING, "Warn "},
+                  {&Logger::error, LOG_ERR, "Error"},
                   {&Logger::fatal, LOG_CRIT, "Fatal"}};
     const struct {
         int facility;
         std::string name, identity, expectedIdentity;
-    } settings[] = {{LOG_USER, "X", "", ""}, {LOG_LOCAL0, "Renamed", "first", "first"},
-                    {LOG_USER, "X", "second", "first"}, {LOG_USER, "X", "", "first"}};
+    } settings[] = {{LOG_USER, "X", "", ""},
+                    {LOG_LOCAL0, "Renamed", "first", "first"},
+                    {LOG_USER, "X", "second", "first"},
+                    {LOG_USER, "X", "", "first"}};
     Logger logger("X");
     for (const auto& setting : settings) {
         logger.setFacility(setting.facility);

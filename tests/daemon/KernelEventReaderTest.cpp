@@ -64,8 +64,9 @@ TEST(KernelEventReader, AFailingSocketEndsTheReadWithTheRecvException)
         HotplugNetlinkTestAccess::readKernelEventFrom(listener, 9999); // not open: EBADF
         FAIL() << "no exception";
     } catch (const Common::Exceptions::RavoException& exception) {
-        EXPECT_STREQ(exception.what(), "HotplugNetlink::readKernelEvent(): The call to non-blocking "
-                                       "recv() returns the error: 9 (Bad file descriptor)");
+        EXPECT_STREQ(exception.what(),
+                     "HotplugNetlink::readKernelEvent(): The call to non-blocking "
+                     "recv() returns the error: 9 (Bad file descriptor)");
     }
 }
 

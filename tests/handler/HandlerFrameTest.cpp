@@ -23,7 +23,8 @@ HotplugEvent* rootHubEvent(const std::string& name)
 std::string rootHubRecord(const std::string& name)
 {
     return "[Info ] HotplugHandlerThread: USB device is not a device connected to one of the "
-           "hubs: " + name + " @ /devices/usb1";
+           "hubs: " +
+           name + " @ /devices/usb1";
 }
 
 TEST_F(HandlerTest, QueuedEventsAreHandledOneByOneInPushOrder)
@@ -38,10 +39,11 @@ TEST_F(HandlerTest, QueuedEventsAreHandledOneByOneInPushOrder)
     EXPECT_FALSE(thread.processNextEvent()); // the null entry is skipped silently
     EXPECT_TRUE(thread.processNextEvent());  // the last one empties the queue
     EXPECT_TRUE(thread.processNextEvent());
-    EXPECT_EQ(records(), (std::vector<std::string>{
-                             rootHubRecord("a"),
-                             "[Info ] HotplugHandlerThread: Event of an unsupported device type - skip it",
-                             rootHubRecord("c")}));
+    EXPECT_EQ(records(),
+              (std::vector<std::string>{
+                  rootHubRecord("a"),
+                  "[Info ] HotplugHandlerThread: Event of an unsupported device type - skip it",
+                  rootHubRecord("c")}));
 }
 
 TEST_F(HandlerTest, UnknownDeviceTypeValueIsSkipped)
@@ -49,8 +51,9 @@ TEST_F(HandlerTest, UnknownDeviceTypeValueIsSkipped)
     auto event = std::make_unique<HotplugEvent>();
     event->deviceType = static_cast<HotplugDeviceType>(17);
     thread.dispatchEvent(event);
-    EXPECT_EQ(records(), std::vector<std::string>{
-                             "[Info ] HotplugHandlerThread: Event of an unsupported device type - skip it"});
+    EXPECT_EQ(records(),
+              std::vector<std::string>{
+                  "[Info ] HotplugHandlerThread: Event of an unsupported device type - skip it"});
 }
 
 TEST_F(HandlerTest, CleanUpDestroysQueuedEventsAndMayRunTwice)
@@ -103,11 +106,17 @@ const InitRow initRows[] = {
     {"vfat goes first, nodev names are skipped",
      "nodev\tsysfs\nnodev\tproc\n\text3\n\text2\n\text4\n\tvfat\n\tmsdos\n",
      {"vfat", "ext3", "ext2", "ext4", "msdos"},
-     {"[Debug] HotplugHandlerThread: Mount supports the following filesystem types: ext3 ext2 ext4 vfat msdos "}},
-    {"no vfat offered", "\text4\nnodev\ttmpfs\n", {"ext4"},
+     {"[Debug] HotplugHandlerThread: Mount supports the following filesystem types: ext3 ext2 ext4 "
+      "vfat msdos "}},
+    {"no vfat offered",
+     "\text4\nnodev\ttmpfs\n",
+     {"ext4"},
      {"[Debug] HotplugHandlerThread: Mount supports the following filesystem types: ext4 "}},
-    {"missing file", nullptr, {"vfat", "ext4", "ext3", "ext2"},
-     {"[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::init(): Error opening /proc/filesystems\""}},
+    {"missing file",
+     nullptr,
+     {"vfat", "ext4", "ext3", "ext2"},
+     {"[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::init(): Error opening "
+      "/proc/filesystems\""}},
 };
 
 TEST_F(HandlerTest, InitLearnsTheFileSystemTypes)

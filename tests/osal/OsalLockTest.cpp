@@ -35,13 +35,15 @@ TEST(OsalSemaphores, LetThroughAsManyAsSignalledWhileFailedWaitsAndGuardsTakeNot
         while (passes < 10 && lock->lock(0)) {
             ++passes;
         }
-        EXPECT_EQ(row.expectedPasses, passes) << row.binary << ": " << row.initial << "+" << row.unlocks;
+        EXPECT_EQ(row.expectedPasses, passes)
+            << row.binary << ": " << row.initial << "+" << row.unlocks;
         EXPECT_FALSE(OsalLockAutomatically(*lock, 0).isLocked()); // and must not release it either
         const auto begin = std::chrono::steady_clock::now();
         EXPECT_FALSE(lock->lock(50));
         EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(45));
         lock->unlock();
-        EXPECT_TRUE(lock->lock(0) && !lock->lock(0)) << "the timed-out wait left one signal, one pass";
+        EXPECT_TRUE(lock->lock(0) && !lock->lock(0))
+            << "the timed-out wait left one signal, one pass";
     }
 }
 
@@ -53,8 +55,10 @@ TEST(OsalDeadline, CarriesWholeSecondsOutOfNanoseconds)
         timespec expected;
     };
     const Row rows[] = {
-        {{5, 900000000}, 150, {6, 50000000}}, {{5, 1000000}, 999, {6, 0}},
-        {{5, 999999999}, 1, {6, 999999}},     {{5, 0}, 2999, {7, 999000000}},
+        {{5, 900000000}, 150, {6, 50000000}},
+        {{5, 1000000}, 999, {6, 0}},
+        {{5, 999999999}, 1, {6, 999999}},
+        {{5, 0}, 2999, {7, 999000000}},
     };
     for (const Row& row : rows) {
         const timespec deadline = osalDeadlineAfter(row.now, row.timeoutMs);

@@ -77,7 +77,8 @@ TEST(OsalThread, CountsAsRunningFromStartUntilRunReturnsOrThrowsAndStartsAgain)
         if (s.runs == 3) {
             throw 42;
         }
-        s.flag = OsalThread::current() == &self && self.getPriority() == OsalThread::getMinPriority();
+        s.flag =
+            OsalThread::current() == &self && self.getPriority() == OsalThread::getMinPriority();
         signalThenWaitAtGate(self, s);
     });
     EXPECT_FALSE(thread.isRunning());
@@ -99,8 +100,9 @@ TEST(OsalThread, CountsAsRunningFromStartUntilRunReturnsOrThrowsAndStartsAgain)
     EXPECT_EQ(nullptr, OsalThread::current());
     // An exception escaping run() ends only that thread.
     thread.setName("thrower");
-    for (const char* record : {"[Error] OsalThread: Unhandled exception in thread thrower: disk on fire",
-                               "[Error] OsalThread: Unhandled unknown exception in thread thrower"}) {
+    for (const char* record :
+         {"[Error] OsalThread: Unhandled exception in thread thrower: disk on fire",
+          "[Error] OsalThread: Unhandled unknown exception in thread thrower"}) {
         ASSERT_TRUE(thread.start(&shared)) << "joins a finished, unjoined thread first";
         thread.join();
         thread.join();
@@ -150,7 +152,8 @@ TEST(OsalThread, NameStackSizeAndPriorityReachTheSystemThread)
         pthread_attr_destroy(&attributes);
         // Well below any default stack; and not a real-time thread, so the
         // system refuses a SCHED_RR priority.
-        s.flag = size >= 256 * 1024 && size < 512 * 1024 && !self.setPriority(OsalThread::getMinPriority());
+        s.flag = size >= 256 * 1024 && size < 512 * 1024 &&
+                 !self.setPriority(OsalThread::getMinPriority());
         s.text = systemName();
         signalThenWaitAtGate(self, s);
         s.text += "/" + systemName();
@@ -254,7 +257,8 @@ TEST(OsalThread, ListIsWalkedNewestFirstAndStaysSoundUnderChurn)
 // The C library's report: "<file>:<line>: <function>: Assertion `!"<text>"' failed."
 std::string report(const std::string& method, const std::string& text)
 {
-    const std::string file = "Osal/commonCppOsalLinux/cpp/" + method.substr(0, method.find(':')) + ".cpp";
+    const std::string file =
+        "Osal/commonCppOsalLinux/cpp/" + method.substr(0, method.find(':')) + ".cpp";
     return file + ":[0-9]+: .*Halvern::CommonCpp::Osal::" + method + ".*: Assertion `!\"" + text +
            "\"' failed\\.";
 }

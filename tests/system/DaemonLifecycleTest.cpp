@@ -26,8 +26,7 @@ long cpuTicks(pid_t pid)
     return ticks;
 }
 
-class DaemonLifecycleTest : public DaemonSandboxTest,
-                            public testing::WithParamInterface<int> {};
+class DaemonLifecycleTest : public DaemonSandboxTest, public testing::WithParamInterface<int> {};
 
 TEST_P(DaemonLifecycleTest, StartsAndEndsInOrderOnSignal)
 {
@@ -58,8 +57,9 @@ TEST_F(DaemonSandboxTest, FallsBackToKnownTypesWithoutProcFilesystems)
     options.procFilesystems = Sandbox::Sandbox::ProcFilesystems::Absent;
     prepare(options);
     start();
-    EXPECT_TRUE(sawRecord("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::init(): "
-                          "Error opening /proc/filesystems\""));
+    EXPECT_TRUE(
+        sawRecord("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::init(): "
+                  "Error opening /proc/filesystems\""));
     settle(); // still handles events
     stop();
 }
@@ -72,9 +72,8 @@ TEST_F(DaemonSandboxTest, HandlesABurstInArrivalOrder)
     const std::string port = "/devices/platform/ehci/usb1/1-1/1-1.3";
     for (int uart = 0; uart < count; ++uart) {
         const std::string name = "ttyUSB" + std::to_string(uart);
-        sandbox->inject(Uevent::ttyUsb("add", port + "/1-1.3:1." + std::to_string(uart) + "/" + name +
-                                                  "/tty/" + name,
-                                       name));
+        sandbox->inject(Uevent::ttyUsb(
+            "add", port + "/1-1.3:1." + std::to_string(uart) + "/" + name + "/tty/" + name, name));
     }
     settle();
     const auto found = recordsStartingWith(handler + "New USB TTY device found at hub 1 port 3");

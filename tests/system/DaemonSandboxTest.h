@@ -18,7 +18,7 @@
 class DaemonSandboxTest : public testing::Test {
 protected:
     static constexpr int deadlineMs = 10000;
-    static const std::string handler;  // "[Debug] HotplugHandlerThread: "
+    static const std::string handler; // "[Debug] HotplugHandlerThread: "
 
     void SetUp() override
     {
@@ -54,7 +54,9 @@ protected:
         ASSERT_TRUE(sandbox->waitUntilListening(deadlineMs));
         ASSERT_TRUE(sawRecordWhere([](const std::string& text) {
             return text.rfind("[Debug] HotplugHandlerThread: Mount supports", 0) == 0 ||
-                   text.rfind("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::init", 0) == 0;
+                   text.rfind(
+                       "[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::init",
+                       0) == 0;
         }));
     }
 
@@ -75,8 +77,8 @@ protected:
                 return true;
             }
         }
-        return reader.waitFor([&](const Sandbox::SyslogRecord& record) { return matches(record.text); },
-                              timeoutMs);
+        return reader.waitFor(
+            [&](const Sandbox::SyslogRecord& record) { return matches(record.text); }, timeoutMs);
     }
 
     bool sawRecord(const std::string& text, int timeoutMs = deadlineMs)
@@ -105,7 +107,8 @@ protected:
         const std::string name = "settle" + std::to_string(++marker);
         sandbox->inject(Sandbox::Uevent::usbDevice("add", "/devices/marker/usb9", name));
         ASSERT_TRUE(sawRecord("[Info ] HotplugHandlerThread: USB device is not a device connected "
-                              "to one of the hubs: " + name + " @ /devices/marker/usb9"));
+                              "to one of the hubs: " +
+                              name + " @ /devices/marker/usb9"));
     }
 
     // A loop disk outlives the sandbox, whose tear-down unmounts what the

@@ -120,31 +120,38 @@ TEST_F(DaemonSandboxTest, KeepsHubAndPortLinks)
     sandbox->inject(Uevent::usbDevice("add", hub + "/1-1.2", "bus/usb/001/005"));
     for (const char* uart : {"0", "1"}) {
         const std::string name = std::string("ttyUSB") + uart;
-        sandbox->inject(Uevent::ttyUsb("add", hub + "/1-1.3/1-1.3:1." + uart + "/" + name + "/tty/" + name, name));
+        sandbox->inject(Uevent::ttyUsb(
+            "add", hub + "/1-1.3/1-1.3:1." + uart + "/" + name + "/tty/" + name, name));
     }
     settle();
     EXPECT_EQ(sandbox->readLink("/ravo500/devs/usb1-2/usbdev"), "/dev/bus/usb/001/005");
     EXPECT_EQ(sandbox->readLink("/ravo500/devs/usb1-3/uart0"), "/dev/ttyUSB0");
     EXPECT_EQ(sandbox->readLink("/ravo500/devs/usb1-3/uart1"), "/dev/ttyUSB1");
-    EXPECT_TRUE(sawRecord(handler + "Create link: /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/005"));
+    EXPECT_TRUE(
+        sawRecord(handler + "Create link: /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/005"));
 
     // A new device on the same port replaces the link.
     sandbox->inject(Uevent::usbDevice("add", hub + "/1-1.2", "bus/usb/001/006"));
-    sandbox->inject(Uevent::ttyUsb("remove", hub + "/1-1.3/1-1.3:1.1/ttyUSB1/tty/ttyUSB1", "ttyUSB1"));
+    sandbox->inject(
+        Uevent::ttyUsb("remove", hub + "/1-1.3/1-1.3:1.1/ttyUSB1/tty/ttyUSB1", "ttyUSB1"));
     settle();
     EXPECT_EQ(sandbox->readLink("/ravo500/devs/usb1-2/usbdev"), "/dev/bus/usb/001/006");
     EXPECT_FALSE(sandbox->exists("/ravo500/devs/usb1-3/uart1"));
     EXPECT_TRUE(sandbox->exists("/ravo500/devs/usb1-3/uart0"));
-    EXPECT_TRUE(sawRecord(handler + "USB TTY device removed from hub 1 port 3 with UART num 1 and /dev/ttyUSB1"));
+    EXPECT_TRUE(sawRecord(
+        handler + "USB TTY device removed from hub 1 port 3 with UART num 1 and /dev/ttyUSB1"));
 
     // A port without its directory, and a directory where the link belongs.
-    sandbox->inject(Uevent::usbDevice("add", "/devices/platform/ehci/usb2/2-1/2-1.4", "bus/usb/002/002"));
-    EXPECT_TRUE(sawRecord("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::handleLink(): "
-                          "The call to symlink() returns the error: 2 (No such file or directory)\""));
+    sandbox->inject(
+        Uevent::usbDevice("add", "/devices/platform/ehci/usb2/2-1/2-1.4", "bus/usb/002/002"));
+    EXPECT_TRUE(
+        sawRecord("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::handleLink(): "
+                  "The call to symlink() returns the error: 2 (No such file or directory)\""));
     ASSERT_EQ(mkdir(sandbox->path("/ravo500/devs/usb1-3/uart5").c_str(), 0755), 0);
     sandbox->inject(Uevent::ttyUsb("add", hub + "/1-1.3/1-1.3:1.5/ttyUSB5/tty/ttyUSB5", "ttyUSB5"));
-    EXPECT_TRUE(sawRecord("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::handleLink(): "
-                          "The call to unlink() returns the error: 21 (Is a directory)\""));
+    EXPECT_TRUE(
+        sawRecord("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::handleLink(): "
+                  "The call to unlink() returns the error: 21 (Is a directory)\""));
     settle(); // and the thread goes on
     stop();
 }
@@ -157,25 +164,32 @@ TEST_F(DaemonSandboxTest, WritesAndDeletesTheCascadingInfoFile)
     start();
 
     sandbox->inject(Uevent::net("add", cascade, "eth1"));
-    EXPECT_TRUE(sawRecord("[Info ] HotplugHandlerThread: Create cascading info file with: 00:11:22:33:44:55%eth1"));
+    EXPECT_TRUE(sawRecord(
+        "[Info ] HotplugHandlerThread: Create cascading info file with: 00:11:22:33:44:55%eth1"));
     settle();
-    EXPECT_EQ(sandbox->readFile("/ravo500/devs/cascade/ravo-casc-info"), "00:11:22:33:44:55%eth1\n");
+    EXPECT_EQ(sandbox->readFile("/ravo500/devs/cascade/ravo-casc-info"),
+              "00:11:22:33:44:55%eth1\n");
 
     // An adapter on another port leaves the file alone, also when it goes.
-    sandbox->inject(Uevent::net("remove", "/devices/platform/ehci/usb1/1-1/1-1.5/1-1.5:1.0/net/eth2", "eth2"));
-    EXPECT_TRUE(sawRecord("[Info ] HotplugHandlerThread: Ethernet device eth2 is not a USB ethernet "
-                          "device or not connected to the correct USB port"));
+    sandbox->inject(
+        Uevent::net("remove", "/devices/platform/ehci/usb1/1-1/1-1.5/1-1.5:1.0/net/eth2", "eth2"));
+    EXPECT_TRUE(
+        sawRecord("[Info ] HotplugHandlerThread: Ethernet device eth2 is not a USB ethernet "
+                  "device or not connected to the correct USB port"));
     settle();
     EXPECT_TRUE(sandbox->exists("/ravo500/devs/cascade/ravo-casc-info"));
 
     sandbox->inject(Uevent::net("remove", cascade, "eth1"));
-    EXPECT_TRUE(sawRecord("[Info ] HotplugHandlerThread: USB ethernet device disappeared - delete the info file"));
+    EXPECT_TRUE(sawRecord(
+        "[Info ] HotplugHandlerThread: USB ethernet device disappeared - delete the info file"));
     settle();
     EXPECT_FALSE(sandbox->exists("/ravo500/devs/cascade/ravo-casc-info"));
 
     // An adapter whose address cannot be read writes nothing.
-    sandbox->inject(Uevent::net("add", "/devices/platform/ehci/usb1/1-1/1-1.6/1-1.6:1.0/net/eth3", "eth3"));
-    EXPECT_TRUE(sawRecord("[Warn ] HotplugHandlerThread: File doesn't exist: /sys/class/net/eth3/address"));
+    sandbox->inject(
+        Uevent::net("add", "/devices/platform/ehci/usb1/1-1/1-1.6/1-1.6:1.0/net/eth3", "eth3"));
+    EXPECT_TRUE(
+        sawRecord("[Warn ] HotplugHandlerThread: File doesn't exist: /sys/class/net/eth3/address"));
     settle();
     EXPECT_FALSE(sandbox->exists("/ravo500/devs/cascade/ravo-casc-info"));
     stop();

@@ -41,7 +41,8 @@ TEST_F(DaemonSandboxTest, ScanHandlesDevicesPresentAtStart)
     sys.addLink("dev/block/7:8", "../x");
     // A serial adapter whose uevent file names no device.
     sys.addDevice(usb + "/1-1.5/1-1.5:1.0/ttyUSB4/tty/ttyUSB4", "MAJOR=188\nMINOR=4\n");
-    sys.addLink("dev/char/188:4", FakeSysfs::linkTarget(usb + "/1-1.5/1-1.5:1.0/ttyUSB4/tty/ttyUSB4"));
+    sys.addLink("dev/char/188:4",
+                FakeSysfs::linkTarget(usb + "/1-1.5/1-1.5:1.0/ttyUSB4/tty/ttyUSB4"));
     // A target longer than the first buffer of the scan.
     std::string deep = usb;
     for (int level = 0; level < 6; ++level) {
@@ -57,13 +58,15 @@ TEST_F(DaemonSandboxTest, ScanHandlesDevicesPresentAtStart)
     EXPECT_EQ(sandbox->readLink("/ravo500/devs/usb1-3/uart1"), "/dev/ttyUSB1");
     EXPECT_EQ(sandbox->readLink("/ravo500/devs/usb1-3/usbdev"), "/dev/bus/usb/001/003");
     EXPECT_EQ(sandbox->readLink("/ravo500/devs/usb1-7/uart0"), "/dev/ttyUSB9");
-    EXPECT_EQ(sandbox->readFile("/ravo500/devs/cascade/ravo-casc-info"), "02:00:00:00:00:01%eth1\n");
+    EXPECT_EQ(sandbox->readFile("/ravo500/devs/cascade/ravo-casc-info"),
+              "02:00:00:00:00:01%eth1\n");
     EXPECT_FALSE(sandbox->exists("/ravo500/devs/usb1-4/usbdev"));
     EXPECT_FALSE(sandbox->exists("/ravo500/devs/usb1-5/uart0"));
 
-    EXPECT_EQ(recordsStartingWith("[Warn ]"),
-              std::vector<std::string>{"[Warn ] HotplugHandlerThread: Unable to get the device name "
-                                       "from the uevent file."});
+    EXPECT_EQ(
+        recordsStartingWith("[Warn ]"),
+        std::vector<std::string>{"[Warn ] HotplugHandlerThread: Unable to get the device name "
+                                 "from the uevent file."});
     EXPECT_TRUE(recordsStartingWith("[Error]").empty());
     // The info file's own record and the settle marker: the rest is ignored silently.
     EXPECT_EQ(recordsStartingWith("[Info ]").size(), 2U);
@@ -74,15 +77,16 @@ TEST_F(DaemonSandboxTest, ScanReportsAMissingDirectoryAndGoesOn)
 {
     prepare();
     sandbox->sysfs().remove("dev/char");
-    sandbox->sysfs().addNetInterface("eth1", "/devices/platform/ehci/usb1/1-1/1-1.6/1-1.6:1.0/net/eth1",
-                                     "aa:bb:cc:dd:ee:ff");
+    sandbox->sysfs().addNetInterface(
+        "eth1", "/devices/platform/ehci/usb1/1-1/1-1.6/1-1.6:1.0/net/eth1", "aa:bb:cc:dd:ee:ff");
     start();
     settle();
     EXPECT_TRUE(sawRecord("[Error] HotplugHandlerThread: Exception: \"HotplugHandlerThread::"
                           "searchExistingDevices(): The call to opendir() returns the error: 2 (No "
                           "such file or directory)\""));
     // /sys/class/net comes after /sys/dev/char and is still scanned.
-    EXPECT_EQ(sandbox->readFile("/ravo500/devs/cascade/ravo-casc-info"), "aa:bb:cc:dd:ee:ff%eth1\n");
+    EXPECT_EQ(sandbox->readFile("/ravo500/devs/cascade/ravo-casc-info"),
+              "aa:bb:cc:dd:ee:ff%eth1\n");
     stop();
 }
 

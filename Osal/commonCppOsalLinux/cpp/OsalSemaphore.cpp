@@ -8,8 +8,7 @@ namespace Halvern {
 namespace CommonCpp {
 namespace Osal {
 
-OsalSemaphore::OsalSemaphore(int32_t initialCount)
-    : mutex(), condition(), count(initialCount)
+OsalSemaphore::OsalSemaphore(int32_t initialCount) : mutex(), condition(), count(initialCount)
 {
     osalInitMutex(mutex, PTHREAD_MUTEX_DEFAULT);
     osalInitMonotonicCondition(condition);

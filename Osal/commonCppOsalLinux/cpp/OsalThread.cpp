@@ -154,9 +154,9 @@ bool OsalThread::start(void* newArgument)
     // that polls isRunning() right after start() must not see a thread that
     // has not begun yet as one that has ended.
     running = configured;
-    created = configured && pthread_create(&thread, &attributes,
-                                           &OsalBasicThread::threadFunctionPrivate,
-                                           static_cast<void*>(this)) == 0;
+    created =
+        configured && pthread_create(&thread, &attributes, &OsalBasicThread::threadFunctionPrivate,
+                                     static_cast<void*>(this)) == 0;
     running = created;
     pthread_attr_destroy(&attributes);
     return created;
@@ -298,8 +298,9 @@ bool OsalThread::enablePrivilegedExecution(bool enable)
 {
     OsalLockAutomatically guard(objectLock, -1);
     if (enable) {
-        OSAL_FATAL_ASSERT(!"Setting privileged execution mode NOT supported in this implementation!",
-                          "Osal/commonCppOsalLinux/cpp/OsalThread.cpp");
+        OSAL_FATAL_ASSERT(
+            !"Setting privileged execution mode NOT supported in this implementation!",
+            "Osal/commonCppOsalLinux/cpp/OsalThread.cpp");
     }
     if (running) {
         OSAL_FATAL_ASSERT(!"Setting privileged execution mode for running thread NOT possible!",

@@ -1,0 +1,19 @@
+# 32-bit ARM (hard float), the device's architecture, with Debian's
+# arm-linux-gnueabihf cross toolchain. char is unsigned there and alignment is
+# stricter; programs run on this machine through qemu-user.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(DHH_ARM_TRIPLET arm-linux-gnueabihf)
+set(CMAKE_C_COMPILER ${DHH_ARM_TRIPLET}-gcc)
+set(CMAKE_CXX_COMPILER ${DHH_ARM_TRIPLET}-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE ${DHH_ARM_TRIPLET})
+set(DHH_ARM_SYSROOT /usr/${DHH_ARM_TRIPLET})
+
+set(CMAKE_FIND_ROOT_PATH ${DHH_ARM_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+find_program(DHH_QEMU_ARM NAMES qemu-arm qemu-arm-static REQUIRED)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${DHH_QEMU_ARM} -L ${DHH_ARM_SYSROOT})

@@ -1,5 +1,6 @@
 #include "sandbox/Namespaces.h"
 
+#include "sandbox/IsolatedNetwork.h"
 #include "sandbox/SystemError.h"
 #include "sandbox/UniqueFd.h"
 
@@ -55,9 +56,6 @@ const char* tryNamespaces()
     }
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         return "mount(/, MS_REC | MS_PRIVATE)";
-    }
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
-        return "unshare(CLONE_NEWUSER | CLONE_NEWNET)";
     }
     return nullptr;
 }
@@ -134,6 +132,12 @@ bool Namespaces::canRun(std::string& why)
         std::memcpy(&error, message.data(), sizeof(error));
         why = "namespaces are not available here: " + message.substr(sizeof(int)) + ": " +
               std::strerror(error);
+        return false;
+    }
+    try {
+        IsolatedNetwork probe;
+    } catch (const std::exception& error) {
+        why = std::string("namespaces are not available here: ") + error.what();
         return false;
     }
     return true;

@@ -12,24 +12,15 @@
 #include <fstream>
 #include <sstream>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
 namespace Sandbox {
 
 namespace {
-
-std::string hostFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        throw std::runtime_error("Sandbox: cannot read " + path);
-    }
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 void checkInside(const std::string& insidePath)
 {
@@ -104,12 +95,7 @@ void Sandbox::layOut()
     addDeviceNode("zero", makedev(1, 5), S_IFCHR);
     addDeviceNode("urandom", makedev(1, 9), S_IFCHR);
     makeDirectory("/tmp", 01777);
-    makeDirectory("/proc", 0555);
-    if (options.procFilesystems == ProcFilesystems::HostCopy) {
-        writeFile("/proc/filesystems", hostFile("/proc/filesystems"));
-    } else if (options.procFilesystems == ProcFilesystems::Custom) {
-        writeFile("/proc/filesystems", options.procFilesystemsText);
-    }
+    layOutProc();
     fakeSysfs = std::make_unique<FakeSysfs>(path("/sys"));
 
     makeDirectory("/mnt");
@@ -123,6 +109,42 @@ void Sandbox::layOut()
     }
     if (options.cascadeDirectory) {
         makeDirectory("/ravo500/devs/cascade");
+    }
+}
+
+// A real procfs, as on the device (sanitizer runtimes also read /proc/self);
+// a chosen /proc/filesystems is bound over the kernel's own.
+void Sandbox::layOutProc()
+{
+    makeDirectory("/proc", 0555);
+    const std::string proc = path("/proc");
+    if (mount("proc", proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+        throw systemError("Sandbox: mount proc on " + proc);
+    }
+    std::string replacement = baseDirectory + "/filesystems";
+    if (options.procFilesystems == ProcFilesystems::Custom) {
+        std::ofstream file(replacement, std::ios::binary);
+        file << options.procFilesystemsText;
+        if (!file.flush()) {
+            throw std::runtime_error("Sandbox: cannot write " + replacement);
+        }
+    } else if (options.procFilesystems == ProcFilesystems::Absent) {
+        // A procfs file cannot be removed; open() of a socket fails (ENXIO)
+        // the way it would for a missing file.
+        UniqueFd socketFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        replacement.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        if (socketFd.get() < 0 || bind(socketFd.get(), reinterpret_cast<const sockaddr*>(&address),
+                                       sizeof(address)) != 0) {
+            throw systemError("Sandbox: bind a socket at " + replacement);
+        }
+    } else {
+        return;
+    }
+    const std::string target = proc + "/filesystems";
+    if (mount(replacement.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        throw systemError("Sandbox: bind " + replacement + " on " + target);
     }
 }
 

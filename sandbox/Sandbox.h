@@ -104,6 +104,7 @@ private:
     std::unique_ptr<DaemonProcess> daemon;
 
     void layOut();
+    void layOutProc();
     void makeDirectory(const std::string& insidePath, mode_t mode = 0755) const;
     void bindReadOnly(const std::string& hostPath, const std::string& insidePath) const;
     void mirrorTopLevelLink(const std::string& name) const;

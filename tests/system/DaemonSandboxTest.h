@@ -64,7 +64,7 @@ protected:
     void stop(int signalNumber = SIGTERM)
     {
         sandbox->signal(signalNumber);
-        EXPECT_EQ(sandbox->waitExit(deadlineMs), 0);
+        EXPECT_EQ(sandbox->waitExit(deadlineMs), 0) << "daemon output:\n" << sandbox->output();
         sandbox->syslog().drain(50); // the records of the way out
     }
 

@@ -79,7 +79,7 @@ public:
     static size_t getMinimumStackSize();
     static OsalThread* current();
     static void forEachThread(Visitor& visitor);
-    static void suspendOtherThreads(OsalThread* self);
+    static void suspendOtherThreads(const OsalThread* self);
     static void resumeAllThreads();
 
 private:
@@ -89,6 +89,7 @@ private:
     static bool createThreadKey();
     void insertIntoList();
     void setRunning(bool value);
+    void markStopRequested();
 
     OsalSemaphore suspendSemaphore;
     bool suspendRequested;

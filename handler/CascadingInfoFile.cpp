@@ -7,7 +7,7 @@
 #include <fstream>
 #include <unistd.h>
 
-void HotplugHandlerThread::handleEthernetEvent(HotplugEvent& event)
+void HotplugHandlerThread::handleEthernetEvent(const HotplugEvent& event)
 {
     if (usbEthernetRegex.matches(event.devPath)) {
         handleCascadingInfoFile(event.action, event.deviceName);

@@ -73,12 +73,14 @@ void HotplugHandlerThread::handleLink(HotplugAction action, bool isUart, uint32_
                                       uint32_t port, int32_t uartNumber,
                                       const std::string& deviceName)
 {
+    // Both forms fit with room to spare, whatever the numbers: never truncated.
     char linkPath[256];
     if (isUart) {
-        std::snprintf(linkPath, sizeof(linkPath), "%s%u-%u/uart%d", "/ravo500/devs/usb", hub, port,
-                      uartNumber);
+        static_cast<void>(std::snprintf(linkPath, sizeof(linkPath), "%s%u-%u/uart%d",
+                                        "/ravo500/devs/usb", hub, port, uartNumber));
     } else {
-        std::snprintf(linkPath, sizeof(linkPath), "%s%u-%u/usbdev", "/ravo500/devs/usb", hub, port);
+        static_cast<void>(std::snprintf(linkPath, sizeof(linkPath), "%s%u-%u/usbdev",
+                                        "/ravo500/devs/usb", hub, port));
     }
     const std::string target = "/dev/" + deviceName;
     try {

@@ -24,7 +24,7 @@ void removeMountPoint(const std::string& mountPoint)
 
 } // namespace
 
-void HotplugHandlerThread::handleBlockDevPartionEvent(EventPtr& event)
+void HotplugHandlerThread::handleBlockDevPartionEvent(const EventPtr& event)
 {
     const std::string mountPoint = "/mnt/usb/" + event->deviceName;
     const std::string deviceNode = "/dev/" + event->deviceName;

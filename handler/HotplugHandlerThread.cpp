@@ -115,9 +115,7 @@ void HotplugHandlerThread::init()
         record << std::endl;
     } catch (const RavoException& exception) {
         logger.error() << exception << std::endl;
-        for (const char* type : {"vfat", "ext4", "ext3", "ext2"}) {
-            supportedFileSystems.emplace_back(type);
-        }
+        supportedFileSystems.insert(supportedFileSystems.end(), {"vfat", "ext4", "ext3", "ext2"});
     }
 }
 
@@ -141,7 +139,7 @@ bool HotplugHandlerThread::processNextEvent()
     return queueEmpty;
 }
 
-void HotplugHandlerThread::dispatchEvent(EventPtr& event)
+void HotplugHandlerThread::dispatchEvent(const EventPtr& event)
 {
     switch (event->deviceType) {
     case HotplugDeviceType::UsbDevice:

@@ -33,7 +33,7 @@ public:
     // the start-up scan and the tests reach them the same way the queue does.
     void init();
     bool processNextEvent();
-    void dispatchEvent(EventPtr& event);
+    void dispatchEvent(const EventPtr& event);
     void cleanUp();
 
     // Start-up scan.
@@ -43,7 +43,7 @@ public:
     void readDevName(const std::string& ueventPath, std::string& deviceName);
 
     // Disc partitions.
-    void handleBlockDevPartionEvent(EventPtr& event);
+    void handleBlockDevPartionEvent(const EventPtr& event);
 
     // Hub-and-port links.
     bool parseHubAndPort(const char* text, uint32_t& hub, uint32_t& port,
@@ -52,11 +52,11 @@ public:
                     int32_t uartNumber, const std::string& deviceName);
 
     // USB devices and USB serial adapters.
-    void handleUsbDeviceEvent(HotplugEvent& event);
+    void handleUsbDeviceEvent(const HotplugEvent& event);
     void handleUsbTtyEvent(HotplugEvent& event);
 
     // USB Ethernet adapter on the cascading port.
-    void handleEthernetEvent(HotplugEvent& event);
+    void handleEthernetEvent(const HotplugEvent& event);
     void handleCascadingInfoFile(HotplugAction action, const std::string& interfaceName);
 
     const std::list<std::string>& getSupportedFileSystems() const { return supportedFileSystems; }

@@ -13,7 +13,7 @@ bool isDigit(char c)
 
 } // namespace
 
-void HotplugHandlerThread::handleUsbDeviceEvent(HotplugEvent& event)
+void HotplugHandlerThread::handleUsbDeviceEvent(const HotplugEvent& event)
 {
     const std::string component = FileUtil::getFileName(event.devPath);
     if (component.find('.') == std::string::npos) {

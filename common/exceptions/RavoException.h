@@ -17,7 +17,7 @@ public:
                   int errorNumber);
     // "Class::method(): text", error number 0
     RavoException(const std::string& className, const std::string& method, const std::string& text);
-    explicit RavoException(const std::string& message);
+    explicit RavoException(const std::string& text);
 
     RavoException(const RavoException& other) = default;
     RavoException& operator=(const RavoException& other) = default;

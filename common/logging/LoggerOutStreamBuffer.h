@@ -12,7 +12,7 @@
 namespace Common {
 namespace Logging {
 
-class LoggerOutStreamBuffer : public std::basic_streambuf<char> {
+class LoggerOutStreamBuffer final : public std::basic_streambuf<char> {
 public:
     // level: a syslog level (LOG_DEBUG ... LOG_CRIT); the facility starts as LOG_USER.
     LoggerOutStreamBuffer(int level, const std::string& componentName);

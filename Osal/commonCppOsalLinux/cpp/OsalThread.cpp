@@ -57,7 +57,9 @@ OsalThread::~OsalThread()
     {
         OsalLockAutomatically listGuard(listLock(), -1);
         if (isRunning()) {
-            stop();
+            markStopRequested();
+            // Nothing of a derived class is left to dispatch to.
+            OsalThread::cancel();
         }
     }
     join();
@@ -162,12 +164,15 @@ bool OsalThread::start(void* newArgument)
     return created;
 }
 
+void OsalThread::markStopRequested()
+{
+    OsalLockAutomatically guard(objectLock, -1);
+    stopRequested = true;
+}
+
 void OsalThread::stop()
 {
-    {
-        OsalLockAutomatically guard(objectLock, -1);
-        stopRequested = true;
-    }
+    markStopRequested();
     cancel();
 }
 
@@ -382,7 +387,7 @@ void OsalThread::forEachThread(Visitor& visitor)
     }
 }
 
-void OsalThread::suspendOtherThreads(OsalThread* self)
+void OsalThread::suspendOtherThreads(const OsalThread* self)
 {
     OsalLockAutomatically listGuard(listLock(), -1);
     for (OsalThread* thread = listHead; thread != nullptr; thread = thread->next) {

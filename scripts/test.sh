@@ -1,21 +1,45 @@
 #!/usr/bin/env bash
-# Builds everything and runs every test, as a native 64-bit program and as a
-# 32-bit one (-m32, the device's word size, run through qemu-user).
+# Builds everything and runs every check CI runs, stage by stage, printing each
+# stage's duration: static checks; the tests as a native 64-bit program, as a
+# 32-bit x86 one (-m32, the device's word size) and for 32-bit ARM (the device's
+# architecture), both through qemu-user; under AddressSanitizer with
+# UndefinedBehaviorSanitizer and under ThreadSanitizer; the system tests against
+# the 32-bit daemon; and the fuzzers for a bounded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/setup.sh
-
 jobs=$(nproc)
-run_suite() {
+durations=()
+
+stage() {
     local name=$1; shift
-    local dir=build/$name
-    echo "=== $name: configure and build"
-    cmake -S . -B "$dir" -DDHH_WERROR=ON "$@" >/dev/null
-    cmake --build "$dir" -j "$jobs"
-    echo "=== $name: tests"
-    ctest --test-dir "$dir" --output-on-failure -j "$jobs"
+    local started=$SECONDS
+    echo "=== $name"
+    "$@"
+    durations+=("$(printf '%-10s %4ds' "$name" $((SECONDS - started)))")
+    echo "=== $name: done in $((SECONDS - started))s"
 }
 
-run_suite native
-run_suite m32 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake
+# suite DIR CTEST-ARGS -- CMAKE-ARGS: configure, build, run the tests.
+suite() {
+    local dir=$1; shift
+    local ctest_args=()
+    while [ $# -gt 0 ] && [ "$1" != -- ]; do ctest_args+=("$1"); shift; done
+    shift
+    cmake -S . -B "$dir" -DDHH_WERROR=ON "$@" >/dev/null
+    cmake --build "$dir" -j "$jobs"
+    ctest --test-dir "$dir" --output-on-failure -j "$jobs" "${ctest_args[@]}"
+}
+
+stage setup bash scripts/setup.sh
+stage lint bash scripts/lint.sh
+stage native suite build/native --
+stage m32 suite build/m32 -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake
+stage armhf suite build/armhf -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake
+# valgrind and the sanitizers' runtimes do not mix: the storm test runs natively only.
+stage asan suite build/asan -LE valgrind -- -DDHH_SANITIZE=address,undefined
+stage tsan suite build/tsan -LE valgrind -- -DDHH_SANITIZE=thread
+
+echo
+echo "All stages passed:"
+printf '  %s\n' "${durations[@]}"

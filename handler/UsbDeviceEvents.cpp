@@ -51,10 +51,30 @@ void HotplugHandlerThread::handleUsbTtyEvent(HotplugEvent& event)
 
     uint32_t hub = 0;
     uint32_t port = 0;
+    uint32_t uartNumber = 0;
+    if (!parseTtyInterface(component, event.devPath, hub, port, uartNumber)) {
+        return;
+    }
+    if (event.action == HotplugAction::Add) {
+        logger.debug() << "New USB TTY device found at hub " << hub << " port " << port
+                       << " with UART num " << uartNumber << " and /dev/" << event.deviceName
+                       << std::endl;
+    } else {
+        logger.debug() << "USB TTY device removed from hub " << hub << " port " << port
+                       << " with UART num " << uartNumber << " and /dev/" << event.deviceName
+                       << std::endl;
+    }
+    handleLink(event.action, true, hub, port, static_cast<int32_t>(uartNumber), event.deviceName);
+}
+
+bool HotplugHandlerThread::parseTtyInterface(const std::string& component,
+                                             const std::string& devPath, uint32_t& hub,
+                                             uint32_t& port, uint32_t& uartNumber)
+{
     const char* cursor = nullptr;
     if (!parseHubAndPort(component.c_str(), hub, port, &cursor) || *cursor != ':') {
-        logger.debug() << "tty: Parsing error with DEVPATH = " << event.devPath << std::endl;
-        return;
+        logger.debug() << "tty: Parsing error with DEVPATH = " << devPath << std::endl;
+        return false;
     }
     // ":" configuration "." interface: the configuration number is not kept.
     ++cursor;
@@ -70,11 +90,11 @@ void HotplugHandlerThread::handleUsbTtyEvent(HotplugEvent& event)
     }
     if (cursor == nullptr) {
         logger.debug() << "tty: Parsing the 4th number failed (string = " << component
-                       << " DEVPATH = " << event.devPath << ")" << std::endl;
-        return;
+                       << " DEVPATH = " << devPath << ")" << std::endl;
+        return false;
     }
     ++cursor;
-    uint32_t uartNumber = 0;
+    uartNumber = 0;
     bool uartValid = isDigit(*cursor);
     while (isDigit(*cursor)) {
         uartNumber = uartNumber * 10U + static_cast<uint32_t>(*cursor - '0');
@@ -83,17 +103,8 @@ void HotplugHandlerThread::handleUsbTtyEvent(HotplugEvent& event)
     uartValid = uartValid && *cursor == '\0';
     if (!uartValid) {
         logger.debug() << "tty: Parsing the UART number failed (string = " << component
-                       << " DEVPATH = " << event.devPath << ")" << std::endl;
-        return;
+                       << " DEVPATH = " << devPath << ")" << std::endl;
+        return false;
     }
-    if (event.action == HotplugAction::Add) {
-        logger.debug() << "New USB TTY device found at hub " << hub << " port " << port
-                       << " with UART num " << uartNumber << " and /dev/" << event.deviceName
-                       << std::endl;
-    } else {
-        logger.debug() << "USB TTY device removed from hub " << hub << " port " << port
-                       << " with UART num " << uartNumber << " and /dev/" << event.deviceName
-                       << std::endl;
-    }
-    handleLink(event.action, true, hub, port, static_cast<int32_t>(uartNumber), event.deviceName);
+    return true;
 }

@@ -39,6 +39,7 @@ stage armhf suite build/armhf -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cm
 # valgrind and the sanitizers' runtimes do not mix: the storm test runs natively only.
 stage asan suite build/asan -LE valgrind -- -DDHH_SANITIZE=address,undefined
 stage tsan suite build/tsan -LE valgrind -- -DDHH_SANITIZE=thread
+stage fuzz bash scripts/fuzz.sh "${DHH_FUZZ_SECONDS:-60}"
 
 echo
 echo "All stages passed:"

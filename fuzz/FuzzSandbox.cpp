@@ -1,0 +1,78 @@
+#include "fuzz/FuzzSandbox.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what)
+{
+    std::fprintf(stderr, "FuzzSandbox: %s: %s\n", what.c_str(), std::strerror(errno));
+    std::exit(2);
+}
+
+// Binds a datagram socket at the path and empties it for the process's life.
+void drainSyslogAt(const char* path)
+{
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        fail("socket");
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        fail(std::string("bind ") + path);
+    }
+    // Owns the socket until the process ends (fuzzers end with exit()).
+    std::thread([fd] {
+        char record[2048];
+        while (recv(fd, record, sizeof(record), 0) >= 0 || errno == EINTR) {
+        }
+    }).detach();
+}
+
+} // namespace
+
+void FuzzSandbox::enter()
+{
+    static bool entered = false;
+    if (entered) {
+        return;
+    }
+    if (geteuid() != 0) {
+        std::fprintf(stderr, "FuzzSandbox: needs root for a private mount namespace\n");
+        std::exit(2);
+    }
+    if (unshare(CLONE_NEWNS) != 0) {
+        fail("unshare(CLONE_NEWNS)");
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        fail("making / private");
+    }
+    if (mount("dhh-fuzz-dev", "/dev", "tmpfs", MS_NOSUID, "mode=0755") != 0) {
+        fail("mounting a tmpfs on /dev");
+    }
+    const struct {
+        const char* path;
+        unsigned minor;
+    } nodes[] = {{"/dev/null", 3}, {"/dev/zero", 5}, {"/dev/urandom", 9}};
+    for (const auto& node : nodes) {
+        if (mknod(node.path, S_IFCHR | 0666, makedev(1, node.minor)) != 0) {
+            fail(std::string("mknod ") + node.path);
+        }
+    }
+    drainSyslogAt("/dev/log");
+    entered = true;
+}

@@ -37,7 +37,7 @@ const char* const stepNames[StepCount] = {"prctl(PR_SET_PDEATHSIG)",
                                           "dup2 of stdin/stdout/stderr",
                                           "chroot",
                                           "chdir(/)",
-                                          "fexecve"};
+                                          "exec"};
 struct Report {
     int step;
     int error;
@@ -76,6 +76,14 @@ DaemonProcess::DaemonProcess(const Launch& launch)
     // Built before fork: the child may only make plain system calls.
     std::string name = launch.binaryPath.substr(launch.binaryPath.rfind('/') + 1);
     char* argv[] = {name.data(), nullptr};
+    std::vector<std::string> launchStrings = launch.launcher;
+    launchStrings.push_back(launch.insideBinaryPath);
+    std::vector<char*> launchArgv;
+    for (auto& argument : launchStrings) {
+        launchArgv.push_back(argument.data());
+    }
+    launchArgv.push_back(nullptr);
+    const bool launched = !launch.launcher.empty();
     char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
     char* environment[] = {path, nullptr};
     sigset_t noSignals;
@@ -116,6 +124,10 @@ DaemonProcess::DaemonProcess(const Launch& launch)
             sigaction(number, &defaultAction, nullptr);
         }
         close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+        if (launched) {
+            execve(launchArgv[0], launchArgv.data(), environment);
+            fail(statusFd, Execute);
+        }
         fexecve(binary.get(), argv, environment);
         // The kernel does not hand a binary behind a close-on-exec descriptor to
         // a binfmt_misc interpreter (qemu, for the 32-bit build): keep it open.

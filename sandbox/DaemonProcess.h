@@ -8,6 +8,7 @@
 
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace Sandbox {
 
@@ -18,6 +19,10 @@ public:
         std::string rootDirectory;
         int networkNamespaceFd = -1; // -1: the caller's namespace
         std::string outputPath;      // receives stdout and stderr
+        // When set, the program (a path inside the root) runs with these
+        // arguments and insideBinaryPath last: valgrind, for example.
+        std::vector<std::string> launcher;
+        std::string insideBinaryPath;
     };
 
     // Returns once the binary runs; throws std::runtime_error naming the step

@@ -233,6 +233,19 @@ void Sandbox::start()
     launch.rootDirectory = rootDirectory;
     launch.networkNamespaceFd = network ? network->fd() : -1;
     launch.outputPath = baseDirectory + "/output";
+    if (!options.launcher.empty()) {
+        // A launcher opens the daemon by path, so the binary must be in the root.
+        launch.launcher = options.launcher;
+        launch.insideBinaryPath = "/daemon-under-test";
+        if (!binaryBound) {
+            writeFile(launch.insideBinaryPath, "");
+            const std::string target = path(launch.insideBinaryPath);
+            if (mount(options.daemonPath.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+                throw systemError("Sandbox: bind " + options.daemonPath + " on " + target);
+            }
+            binaryBound = true;
+        }
+    }
     daemon = std::make_unique<DaemonProcess>(launch);
 }
 

@@ -43,6 +43,9 @@ public:
         std::vector<std::string> portDirectories = defaultPortDirectories();
         bool cascadeDirectory = true; // /ravo500/devs/cascade
         bool mntUsb = true;           // /mnt/usb
+        // A program inside the root that runs the daemon, with its options
+        // ({"/usr/bin/valgrind", "--error-exitcode=99"}, say); empty: none.
+        std::vector<std::string> launcher;
     };
     static std::vector<std::string> defaultPortDirectories();
 
@@ -96,6 +99,7 @@ private:
     std::string baseDirectory; // tmpfs: root/ and the daemon's output file
     std::string rootDirectory;
     bool baseMounted = false;
+    bool binaryBound = false; // the daemon binary inside the root, for a launcher
     std::unique_ptr<RootView> view;
     std::unique_ptr<FakeSysfs> fakeSysfs;
     std::unique_ptr<SyslogReader> reader;

@@ -94,6 +94,11 @@ void Sandbox::layOut()
     addDeviceNode("null", makedev(1, 3), S_IFCHR);
     addDeviceNode("zero", makedev(1, 5), S_IFCHR);
     addDeviceNode("urandom", makedev(1, 9), S_IFCHR);
+    // As udev makes it; a binfmt_misc interpreter (qemu) opens the program there.
+    const std::string fdLink = path("/dev/fd");
+    if (symlink("/proc/self/fd", fdLink.c_str()) != 0) {
+        throw systemError("Sandbox: symlink " + fdLink);
+    }
     makeDirectory("/tmp", 01777);
     layOutProc();
     fakeSysfs = std::make_unique<FakeSysfs>(path("/sys"));

@@ -6,7 +6,7 @@ set -euo pipefail
 # g++-12-multilib rather than g++-multilib: the latter conflicts with the ARM
 # cross compiler (cmake/toolchain-m32.cmake makes up for the header it carries).
 packages=(cmake g++ g++-12-multilib g++-arm-linux-gnueabihf googletest libgtest-dev
-          libbenchmark-dev qemu-user clang clang-tidy clang-format cppcheck
+          libbenchmark-dev qemu-user qemu-user-static clang clang-tidy clang-format cppcheck
           libclang-rt-14-dev valgrind busybox shellcheck systemd man-db groff-base
           e2fsprogs fdisk util-linux mount iproute2)
 missing=()

@@ -51,7 +51,8 @@ protected:
     void start()
     {
         sandbox->start();
-        ASSERT_TRUE(sandbox->waitUntilListening(deadlineMs));
+        ASSERT_TRUE(sandbox->waitUntilListening(deadlineMs)) << "daemon output:\n"
+                                                             << sandbox->output();
         ASSERT_TRUE(sawRecordWhere([](const std::string& text) {
             return text.rfind("[Debug] HotplugHandlerThread: Mount supports", 0) == 0 ||
                    text.rfind(

@@ -4,7 +4,8 @@
 # 32-bit x86 one (-m32, the device's word size) and for 32-bit ARM (the device's
 # architecture), both through qemu-user; under AddressSanitizer with
 # UndefinedBehaviorSanitizer and under ThreadSanitizer; the system tests against
-# the 32-bit daemon (binfmt_misc and qemu); and the fuzzers for a bounded time.
+# the 32-bit x86 and ARM daemons (binfmt_misc and qemu); and the fuzzers for a
+# bounded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,9 +36,9 @@ stage setup bash scripts/setup.sh
 stage lint bash scripts/lint.sh
 stage native suite build/native --
 stage m32 suite build/m32 -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake
-stage sys32 bash scripts/system-tests-m32.sh
 stage armhf suite build/armhf -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake
 # valgrind and the sanitizers' runtimes do not mix: the storm test runs natively only.
+stage sys32 bash scripts/system-tests-32bit.sh m32 armhf
 stage asan suite build/asan -LE valgrind -- -DDHH_SANITIZE=address,undefined
 stage tsan suite build/tsan -LE valgrind -- -DDHH_SANITIZE=thread
 stage fuzz bash scripts/fuzz.sh "${DHH_FUZZ_SECONDS:-60}"

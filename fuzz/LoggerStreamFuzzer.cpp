@@ -1,7 +1,7 @@
 // The logger's stream buffer under random writes, flushes, line ends and line
 // lengths (records split at 256 characters), destroyed with text pending.
 #include "common/logging/LoggerOutStreamBuffer.h"
-#include "fuzz/FuzzSandbox.h"
+#include "sandbox/DevLogSink.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    FuzzSandbox::enter();
+    Sandbox::DevLogSink::enter();
     return 0;
 }
 

@@ -1,7 +1,7 @@
 // The uevent decoder on arbitrary datagrams: whatever it queues is taken off
 // again, so memory stays flat over millions of inputs.
 #include "daemon/HotplugNetlink.h"
-#include "fuzz/FuzzSandbox.h"
+#include "sandbox/DevLogSink.h"
 #include "tests/support/HotplugTestAccess.h"
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    FuzzSandbox::enter();
+    Sandbox::DevLogSink::enter();
     return 0;
 }
 

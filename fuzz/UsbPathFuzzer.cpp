@@ -1,7 +1,7 @@
 // Hub-and-port parsing of USB device names and of serial interface names with
 // their ":configuration.interface" suffix, on arbitrary text.
-#include "fuzz/FuzzSandbox.h"
 #include "handler/HotplugHandlerThread.h"
+#include "sandbox/DevLogSink.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    FuzzSandbox::enter();
+    Sandbox::DevLogSink::enter();
     return 0;
 }
 

@@ -1,4 +1,4 @@
-#include "fuzz/FuzzSandbox.h"
+#include "sandbox/DevLogSink.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -14,11 +14,13 @@
 #include <thread>
 #include <unistd.h>
 
+namespace Sandbox {
+
 namespace {
 
 [[noreturn]] void fail(const std::string& what)
 {
-    std::fprintf(stderr, "FuzzSandbox: %s: %s\n", what.c_str(), std::strerror(errno));
+    std::fprintf(stderr, "DevLogSink: %s: %s\n", what.c_str(), std::strerror(errno));
     std::exit(2);
 }
 
@@ -45,14 +47,14 @@ void drainSyslogAt(const char* path)
 
 } // namespace
 
-void FuzzSandbox::enter()
+void Sandbox::DevLogSink::enter()
 {
     static bool entered = false;
     if (entered) {
         return;
     }
     if (geteuid() != 0) {
-        std::fprintf(stderr, "FuzzSandbox: needs root for a private mount namespace\n");
+        std::fprintf(stderr, "DevLogSink: needs root for a private mount namespace\n");
         std::exit(2);
     }
     if (unshare(CLONE_NEWNS) != 0) {
@@ -76,3 +78,5 @@ void FuzzSandbox::enter()
     drainSyslogAt("/dev/log");
     entered = true;
 }
+
+} // namespace Sandbox

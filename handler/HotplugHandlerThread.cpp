@@ -3,8 +3,11 @@
 #include "Osal/commonCppOsalLinux/cpp/OsalLockAutomatically.h"
 #include "common/exceptions/RavoException.h"
 
+#include <cerrno>
+#include <cstring>
 #include <cxxabi.h>
 #include <fstream>
+#include <sys/resource.h>
 #include <utility>
 
 using Common::Exceptions::RavoException;
@@ -46,6 +49,7 @@ void HotplugHandlerThread::pushEvent(HotplugEvent* event)
 // for a fault, so it is left out of this function only.
 __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
 {
+    yieldToListener();
     try {
         init();
         searchExistingDevices("/sys/dev/block");
@@ -65,6 +69,21 @@ __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
         cleanUp();
         logger.debug() << "Thread terminated" << std::endl;
         throw;
+    }
+}
+
+// The listener must empty the socket's small receive buffer (about 166 events)
+// whenever datagrams arrive, or the kernel drops events; this thread's work can
+// wait in the queue. A higher nice value for this thread alone lets the
+// listener preempt it at once during a burst. Raising one's own nice value
+// cannot be refused, so a failure would only cost speed: logged, not fatal.
+void HotplugHandlerThread::yieldToListener()
+{
+    constexpr int handlerNice = 10;
+    if (setpriority(PRIO_PROCESS, 0, handlerNice) != 0) {
+        const int error = errno;
+        logger.warn() << "Unable to lower the handler thread's priority: " << std::strerror(error)
+                      << std::endl;
     }
 }
 

@@ -32,6 +32,7 @@ public:
     // The operations below run on the handler thread. They are public so that
     // the start-up scan and the tests reach them the same way the queue does.
     void init();
+    void yieldToListener();
     bool processNextEvent();
     void dispatchEvent(const EventPtr& event);
     void cleanUp();

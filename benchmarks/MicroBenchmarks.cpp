@@ -1,0 +1,118 @@
+// Costs of the steps on an event's way through the daemon, one at a time:
+// decoding a datagram, parsing a USB path, sending one log record, and the
+// hand-over from the listener to the handler thread. Records go to a private
+// /dev/log that a thread empties.
+#include "common/logging/Logger.h"
+#include "daemon/HotplugNetlink.h"
+#include "sandbox/DevLogSink.h"
+#include "sandbox/Uevent.h"
+#include "tests/support/HotplugTestAccess.h"
+
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+namespace {
+
+using Sandbox::Uevent;
+
+const std::string stick = "/devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1.2/1-1.2:1.0/host0/"
+                          "target0:0:0/0:0:0:0/block/sda";
+const std::string serial = "/devices/platform/ehci/usb1/1-1/1-1.3";
+
+void decode(benchmark::State& state, const std::string& datagram)
+{
+    HotplugNetlink listener;
+    HotplugHandlerThread& thread = HotplugNetlinkTestAccess::handlerThread(listener);
+    std::vector<char> buffer(datagram.size() + 1);
+    unsigned decoded = 0;
+    for (auto _ : state) {
+        // The decoder writes into its buffer, as the listener's receive buffer allows.
+        std::copy(datagram.begin(), datagram.end(), buffer.begin());
+        listener.parseKernelEvent(buffer.data(), datagram.size());
+        if (++decoded % 1024 == 0) {
+            state.PauseTiming();
+            HotplugHandlerThreadTestAccess::takeQueued(thread);
+            state.ResumeTiming();
+        }
+    }
+    HotplugHandlerThreadTestAccess::takeQueued(thread);
+}
+
+void BM_DecodePartitionAdd(benchmark::State& state)
+{
+    decode(state, Uevent::partition("add", stick + "/sda1", "sda1").datagram());
+}
+void BM_DecodeTtyUsbAdd(benchmark::State& state)
+{
+    decode(state,
+           Uevent::ttyUsb("add", serial + "/1-1.3:1.0/ttyUSB0/tty/ttyUSB0", "ttyUSB0").datagram());
+}
+void BM_DecodeUsbDeviceAdd(benchmark::State& state)
+{
+    decode(state, Uevent::usbDevice("add", serial, "bus/usb/001/005").datagram());
+}
+void BM_DecodeDroppedUsbInterface(benchmark::State& state)
+{
+    decode(state, Uevent("add", serial + "/1-1.3:1.0")
+                      .set("SUBSYSTEM", "usb")
+                      .set("DEVTYPE", "usb_interface")
+                      .datagram());
+}
+
+void BM_ParseTtyInterface(benchmark::State& state)
+{
+    HotplugHandlerThread thread;
+    const std::string devPath = serial + "/1-1.3:1.0";
+    const std::string component = "1-1.3:1.0";
+    uint32_t hub = 0;
+    uint32_t port = 0;
+    uint32_t uart = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(thread.parseTtyInterface(component, devPath, hub, port, uart));
+    }
+}
+
+void BM_LoggerRecord(benchmark::State& state)
+{
+    Common::Logging::Logger logger("HotplugHandlerThread");
+    for (auto _ : state) {
+        logger.debug() << "Create link: /ravo500/devs/usb1-3/uart0 -> /dev/ttyUSB0" << std::endl;
+    }
+}
+
+// The listener's push and the handler thread's turn for one event; the event
+// (a device on a root port) costs the handler only its Info record.
+void BM_PushAndProcessEvent(benchmark::State& state)
+{
+    HotplugHandlerThread thread;
+    for (auto _ : state) {
+        auto* event = new HotplugEvent();
+        event->action = HotplugAction::Add;
+        event->deviceType = HotplugDeviceType::UsbDevice;
+        event->devPath = "/devices/platform/ehci/usb1/1-1";
+        event->deviceName = "bus/usb/001/002";
+        thread.pushEvent(event);
+        HotplugHandlerThreadTestAccess::takeWakeUp(thread);
+        benchmark::DoNotOptimize(thread.processNextEvent());
+    }
+}
+
+} // namespace
+
+BENCHMARK(BM_DecodePartitionAdd);
+BENCHMARK(BM_DecodeTtyUsbAdd);
+BENCHMARK(BM_DecodeUsbDeviceAdd);
+BENCHMARK(BM_DecodeDroppedUsbInterface);
+BENCHMARK(BM_ParseTtyInterface);
+BENCHMARK(BM_LoggerRecord);
+BENCHMARK(BM_PushAndProcessEvent);
+
+int main(int argc, char** argv)
+{
+    Sandbox::DevLogSink::enter();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -55,6 +55,9 @@ public:
     // USB devices and USB serial adapters.
     void handleUsbDeviceEvent(const HotplugEvent& event);
     void handleUsbTtyEvent(HotplugEvent& event);
+    // Cuts a serial adapter's device path at "/ttyUSB", leaving the interface
+    // directory last, and parses that; logs why and returns false when it does not fit.
+    bool parseTtyDevPath(std::string& devPath, uint32_t& hub, uint32_t& port, uint32_t& uartNumber);
     // Hub, port and UART number from a serial interface's directory name
     // ("1-1.3:1.0"); logs why and returns false when it does not parse.
     bool parseTtyInterface(const std::string& component, const std::string& devPath, uint32_t& hub,

@@ -40,19 +40,10 @@ void HotplugHandlerThread::handleUsbDeviceEvent(const HotplugEvent& event)
 
 void HotplugHandlerThread::handleUsbTtyEvent(HotplugEvent& event)
 {
-    const auto ttyStart = event.devPath.find("/ttyUSB");
-    if (ttyStart == std::string::npos) {
-        logger.warn() << "tty: Unexpected device path: " << event.devPath << std::endl;
-        return;
-    }
-    // What is left ends in the interface directory, e.g. .../1-1.3/1-1.3:1.0.
-    event.devPath.erase(ttyStart);
-    const std::string component = FileUtil::getFileName(event.devPath);
-
     uint32_t hub = 0;
     uint32_t port = 0;
     uint32_t uartNumber = 0;
-    if (!parseTtyInterface(component, event.devPath, hub, port, uartNumber)) {
+    if (!parseTtyDevPath(event.devPath, hub, port, uartNumber)) {
         return;
     }
     if (event.action == HotplugAction::Add) {
@@ -65,6 +56,19 @@ void HotplugHandlerThread::handleUsbTtyEvent(HotplugEvent& event)
                        << std::endl;
     }
     handleLink(event.action, true, hub, port, static_cast<int32_t>(uartNumber), event.deviceName);
+}
+
+bool HotplugHandlerThread::parseTtyDevPath(std::string& devPath, uint32_t& hub, uint32_t& port,
+                                           uint32_t& uartNumber)
+{
+    const auto ttyStart = devPath.find("/ttyUSB");
+    if (ttyStart == std::string::npos) {
+        logger.warn() << "tty: Unexpected device path: " << devPath << std::endl;
+        return false;
+    }
+    // What is left ends in the interface directory, e.g. .../1-1.3/1-1.3:1.0.
+    devPath.erase(ttyStart);
+    return parseTtyInterface(FileUtil::getFileName(devPath), devPath, hub, port, uartNumber);
 }
 
 bool HotplugHandlerThread::parseTtyInterface(const std::string& component,

@@ -1,16 +1,115 @@
-// The logger's stream buffer under random writes, flushes, line ends and line
-// lengths (records split at 256 characters), destroyed with text pending.
+// The logger's stream buffer under random writes, flushes, line ends, name
+// changes and line lengths, destroyed with text pending. syslog() is replaced
+// here, so every record is checked against a plain-string model of the
+// buffer: nothing lost, nothing doubled, long lines cut after 257 characters.
 #include "common/logging/LoggerOutStreamBuffer.h"
 #include "sandbox/DevLogSink.h"
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <ostream>
 #include <string>
 #include <syslog.h>
+#include <vector>
+
+namespace {
+
+struct Record {
+    int priority;
+    std::string text;
+    bool operator==(const Record& other) const
+    {
+        return priority == other.priority && text == other.text;
+    }
+};
+
+std::vector<Record> sent;
+
+__attribute__((format(printf, 2, 0))) void capture(int priority, const char* format,
+                                                   va_list arguments)
+{
+    char text[1024];
+    const int length = std::vsnprintf(text, sizeof(text), format, arguments);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(text)) {
+        __builtin_trap(); // no record of a 257-character line comes near this
+    }
+    sent.push_back({priority, text});
+}
+
+// What the buffer must send, kept as plain strings.
+class Model {
+public:
+    Model(int level, const char* levelTag) : priority(LOG_USER | level), tag(levelTag) {}
+
+    void put(char c)
+    {
+        // The put area holds 256; the character that does not fit triggers a sync.
+        const bool full = pending.size() == 256;
+        pending += c;
+        if (full) {
+            sync();
+        }
+    }
+    void sync()
+    {
+        size_t start = 0;
+        for (size_t newline; (newline = pending.find('\n', start)) != std::string::npos;
+             start = newline + 1) {
+            send(pending.substr(start, newline - start));
+        }
+        pending.erase(0, start);
+        if (pending.size() > 255) {
+            send(pending);
+            pending.clear();
+        }
+    }
+    void close()
+    {
+        if (!pending.empty() && pending.back() != '\n') {
+            put('\n');
+        }
+        sync();
+    }
+    void setName(const std::string& newName) { name = newName; }
+    std::vector<Record> expected;
+
+private:
+    void send(const std::string& line)
+    {
+        // A record is a C string: it ends at the first NUL of the line.
+        expected.push_back({priority, "[" + tag + "] " + name + ": " + line.c_str()});
+    }
+
+    int priority;
+    std::string tag;
+    std::string name = "Fuzz";
+    std::string pending;
+};
+
+} // namespace
+
+extern "C" void syslog(int priority, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    capture(priority, format, arguments);
+    va_end(arguments);
+}
+
+extern "C" void __syslog_chk(int priority, int, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    capture(priority, format, arguments);
+    va_end(arguments);
+}
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
+    // Nothing should reach /dev/log with syslog() replaced; if it did, not the host's.
     Sandbox::DevLogSink::enter();
     return 0;
 }
@@ -20,38 +119,68 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 1) {
         return 0;
     }
-    static const int levels[] = {LOG_DEBUG, LOG_INFO, LOG_WARNING, LOG_ERR, LOG_CRIT};
-    Common::Logging::LoggerOutStreamBuffer buffer(levels[data[0] % 5], "Fuzz");
-    std::ostream out(&buffer);
-    size_t at = 1;
-    while (at < size) {
-        const uint8_t operation = data[at++];
-        const size_t length = at < size ? data[at++] : 0;
-        switch (operation % 6) {
-        case 0: // raw bytes, '%' and NUL included
-        {
-            const size_t count = std::min(length, size - at);
-            out.write(reinterpret_cast<const char*>(data + at),
-                      static_cast<std::streamsize>(count));
-            at += count;
-            break;
+    static const struct {
+        int level;
+        const char* tag;
+    } levels[] = {{LOG_DEBUG, "Debug"},
+                  {LOG_INFO, "Info "},
+                  {LOG_WARNING, "Warn "},
+                  {LOG_ERR, "Error"},
+                  {LOG_CRIT, "Fatal"}};
+    const auto& level = levels[data[0] % 5];
+    Model model(level.level, level.tag);
+    sent.clear();
+    {
+        Common::Logging::LoggerOutStreamBuffer buffer(level.level, "Fuzz");
+        std::ostream out(&buffer);
+        const auto writeText = [&](const std::string& text) {
+            out << text;
+            for (const char c : text) {
+                model.put(c);
+            }
+        };
+        size_t at = 1;
+        while (at < size) {
+            const uint8_t operation = data[at++];
+            const size_t length = at < size ? data[at++] : 0;
+            switch (operation % 6) {
+            case 0: // raw bytes, '%' and NUL included
+            {
+                const size_t count = std::min(length, size - at);
+                writeText(std::string(reinterpret_cast<const char*>(data + at), count));
+                at += count;
+                break;
+            }
+            case 1:
+                out << std::flush;
+                model.sync();
+                break;
+            case 2:
+                out << std::endl;
+                model.put('\n');
+                model.sync();
+                break;
+            case 3: // a long run, up to several records' worth
+                writeText(std::string(length * 3, static_cast<char>('a' + length % 26)));
+                break;
+            case 4:
+                writeText(std::to_string(length) + "%s");
+                break;
+            default: {
+                const std::string name(length % 40, 'n');
+                buffer.setName(name);
+                model.setName(name);
+                break;
+            }
+            }
         }
-        case 1:
-            out << std::flush;
-            break;
-        case 2:
-            out << std::endl;
-            break;
-        case 3: // a long run, up to several records' worth
-            out << std::string(length * 3, static_cast<char>('a' + length % 26));
-            break;
-        case 4:
-            out << static_cast<int>(length) << '%' << 's';
-            break;
-        default:
-            buffer.setName(std::string(length % 40, 'n'));
-            break;
+        if (!out.good()) {
+            __builtin_trap();
         }
+    }
+    model.close();
+    if (!(sent == model.expected)) {
+        __builtin_trap();
     }
     return 0;
 }

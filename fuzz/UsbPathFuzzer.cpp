@@ -1,5 +1,7 @@
-// Hub-and-port parsing of USB device names and of serial interface names with
-// their ":configuration.interface" suffix, on arbitrary text.
+// Hub-and-port parsing of USB device paths, and of serial adapter paths cut at
+// "/ttyUSB" down to their ":configuration.interface" directory, on arbitrary
+// text. Only parses: no link is made.
+#include "common/file/FileUtil.h"
 #include "handler/HotplugHandlerThread.h"
 #include "sandbox/DevLogSink.h"
 
@@ -19,14 +21,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // Exactly the input's bytes, NULs included, with no terminator of its own
     // beyond the one std::string keeps.
     const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::string component = FileUtil::getFileName(text);
     uint32_t hub = 0;
     uint32_t port = 0;
     const char* end = nullptr;
-    if (thread.parseHubAndPort(text.c_str(), hub, port, &end) &&
-        (end < text.c_str() || end > text.c_str() + text.size())) {
+    if (thread.parseHubAndPort(component.c_str(), hub, port, &end) &&
+        (end < component.c_str() || end > component.c_str() + component.size())) {
         __builtin_trap(); // the cursor left the text
     }
+
+    std::string devPath = text;
     uint32_t uart = 0;
-    thread.parseTtyInterface(text, "/devices/fuzz/" + text, hub, port, uart);
+    if (thread.parseTtyDevPath(devPath, hub, port, uart) &&
+        text.find("/ttyUSB") != devPath.size()) {
+        __builtin_trap(); // not cut where the serial device's own directories start
+    }
     return 0;
 }

@@ -8,19 +8,21 @@ LICENSE = "CLOSED"
 inherit externalsrc cmake systemd update-rc.d
 EXTERNALSRC = "${THISDIR}/../.."
 
-EXTRA_OECMAKE = "-DDHH_BUILD_TESTS=OFF"
+# The package split strips the daemon and keeps its symbols for the -dbg package.
+EXTRA_OECMAKE = "-DDHH_BUILD_TESTS=OFF -DDHH_INSTALL_STRIP=OFF \
+    -DDHH_SYSTEMD_UNITDIR=${systemd_system_unitdir} \
+    -DDHH_TMPFILESDIR=${nonarch_libdir}/tmpfiles.d"
 
 SYSTEMD_SERVICE:${PN} = "device-hotplug-handler.service"
 INITSCRIPT_NAME = "device-hotplug-handler"
 INITSCRIPT_PARAMS = "defaults 50"
 
+# The install step brings the daemon, the man page, the unit and the tmpfiles.d
+# entry (packaging/systemd/device-hotplug-handler.service,
+# packaging/tmpfiles.d/device-hotplug-handler.conf); the systemd class drops
+# the unit from images without systemd.
 do_install:append() {
-    if ${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'true', 'false', d)}; then
-        install -D -m 0644 ${S}/packaging/systemd/device-hotplug-handler.service \
-            ${D}${systemd_system_unitdir}/device-hotplug-handler.service
-        install -D -m 0644 ${S}/packaging/tmpfiles.d/device-hotplug-handler.conf \
-            ${D}${nonarch_libdir}/tmpfiles.d/device-hotplug-handler.conf
-    else
+    if ! ${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'true', 'false', d)}; then
         install -D -m 0755 ${S}/packaging/sysvinit/device-hotplug-handler \
             ${D}${sysconfdir}/init.d/device-hotplug-handler
         # No tmpfiles.d without systemd: the image carries the directories.

@@ -4,6 +4,8 @@
 # without warnings, the systemd unit, the init script, the recipes' paths and
 # the hardening of the built daemon.
 # Usage: check_packaging.sh SOURCE_DIR BUILD_DIR DAEMON_BINARY
+# The grep matches looped over below hold no blanks: word splitting is meant.
+# shellcheck disable=SC2013
 set -euo pipefail
 source_dir=$1 build_dir=$2 daemon=$3
 
@@ -65,6 +67,9 @@ for recipe in "$source_dir"/packaging/buildroot/*/* "$source_dir"/packaging/yoct
     done
     for name in $(grep -oE '(device[-_]hotplug[-_]handler[A-Za-z0-9_.-]*\.(service|conf))' "$recipe" | sort -u); do
         [ -n "$(find "$dest" -name "$name")" ] || fail "$(basename "$recipe") names $name, which the install tree lacks"
+    done
+    for path in $(grep -oE 'usr/[A-Za-z0-9_./-]*[A-Za-z0-9_]' "$recipe" | sort -u); do
+        [ -e "$dest/$path" ] || fail "$(basename "$recipe") names $path, which the install tree lacks"
     done
 done
 for file in "$source_dir"/packaging/systemd/*.service "$source_dir"/packaging/sysvinit/*; do

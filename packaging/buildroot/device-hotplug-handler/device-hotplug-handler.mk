@@ -9,7 +9,8 @@ DEVICE_HOTPLUG_HANDLER_VERSION = 1.0
 DEVICE_HOTPLUG_HANDLER_SITE = $(DEVICE_HOTPLUG_HANDLER_PKGDIR)/../../..
 DEVICE_HOTPLUG_HANDLER_SITE_METHOD = local
 DEVICE_HOTPLUG_HANDLER_LICENSE = Proprietary
-DEVICE_HOTPLUG_HANDLER_CONF_OPTS = -DDHH_BUILD_TESTS=OFF
+# Buildroot strips the target itself (or keeps the symbols, BR2_STRIP_none).
+DEVICE_HOTPLUG_HANDLER_CONF_OPTS = -DDHH_BUILD_TESTS=OFF -DDHH_INSTALL_STRIP=OFF
 
 # The directories the daemon writes into and never creates.
 define DEVICE_HOTPLUG_HANDLER_MAKE_DIRECTORIES
@@ -25,11 +26,8 @@ define DEVICE_HOTPLUG_HANDLER_INSTALL_INIT_SYSV
 		$(TARGET_DIR)/etc/init.d/S50device-hotplug-handler
 endef
 
-define DEVICE_HOTPLUG_HANDLER_INSTALL_INIT_SYSTEMD
-	$(INSTALL) -D -m 0644 $(@D)/packaging/systemd/device-hotplug-handler.service \
-		$(TARGET_DIR)/usr/lib/systemd/system/device-hotplug-handler.service
-	$(INSTALL) -D -m 0644 $(@D)/packaging/tmpfiles.d/device-hotplug-handler.conf \
-		$(TARGET_DIR)/usr/lib/tmpfiles.d/device-hotplug-handler.conf
-endef
+# For systemd the install step already brings the unit and the tmpfiles.d entry:
+# usr/lib/systemd/system/device-hotplug-handler.service and
+# usr/lib/tmpfiles.d/device-hotplug-handler.conf.
 
 $(eval $(cmake-package))

@@ -283,11 +283,21 @@ void Sandbox::inject(const Uevent& event)
 
 void Sandbox::injectRaw(const std::string& datagram)
 {
+    isolatedSender().send(datagram);
+}
+
+void Sandbox::injectRawBurst(const std::string* datagrams, size_t count)
+{
+    isolatedSender().sendAll(datagrams, count);
+}
+
+const UeventSender& Sandbox::isolatedSender() const
+{
     if (!sender) {
         // The host's own listeners (udev) would take fake events for real ones.
         throw std::logic_error("Sandbox::inject: refused in the host's network namespace");
     }
-    sender->send(datagram);
+    return *sender;
 }
 
 void Sandbox::signal(int signalNumber)

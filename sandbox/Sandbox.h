@@ -72,6 +72,8 @@ public:
     bool waitUntilListening(int timeoutMs);
     void inject(const Uevent& event);
     void injectRaw(const std::string& datagram);
+    // Datagrams [0, count) in one go, as the kernel sends a burst.
+    void injectRawBurst(const std::string* datagrams, size_t count);
     SyslogReader& syslog() { return *reader; }
     void signal(int signalNumber);
     // The exit status, 128 + signal when a signal ended it, -1 on time-out.
@@ -113,6 +115,7 @@ private:
     void bindReadOnly(const std::string& hostPath, const std::string& insidePath) const;
     void mirrorTopLevelLink(const std::string& name) const;
     DaemonProcess& running(const char* method) const;
+    const UeventSender& isolatedSender() const;
     void tearDown() noexcept;
 };
 

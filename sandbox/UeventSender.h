@@ -19,6 +19,9 @@ public:
     // Throws std::runtime_error unless the whole datagram went out. Sending
     // needs CAP_NET_ADMIN over the namespace; the kernel refuses empty ones.
     void send(const std::string& datagram) const;
+    // Sends datagrams [0, count) with as few system calls as the kernel allows,
+    // as the kernel emits a burst; throws as send does.
+    void sendAll(const std::string* datagrams, size_t count) const;
 
 private:
     UniqueFd socketFd;

@@ -31,6 +31,7 @@ public:
 private:
     void initSignals();
     void initNetlinkSocket();
+    void preemptOtherWork();
     void readKernelEvent();
     void shutdown();
 

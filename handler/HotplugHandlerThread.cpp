@@ -74,9 +74,10 @@ __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
 
 // The listener must empty the socket's small receive buffer (about 166 events)
 // whenever datagrams arrive, or the kernel drops events; this thread's work can
-// wait in the queue. A higher nice value for this thread alone lets the
-// listener preempt it at once during a burst. Raising one's own nice value
-// cannot be refused, so a failure would only cost speed: logged, not fatal.
+// wait in the queue. The listener runs at a real-time priority where it may;
+// where it may not, a higher nice value for this thread alone still lets it
+// preempt the handler during a burst. Raising one's own nice value cannot be
+// refused, so a failure would only cost speed: logged, not fatal.
 void HotplugHandlerThread::yieldToListener()
 {
     constexpr int handlerNice = 10;

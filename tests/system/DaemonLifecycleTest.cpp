@@ -2,28 +2,36 @@
 // it, the order of a burst of events, and datagrams it must survive.
 #include "tests/system/DaemonSandboxTest.h"
 
+#include <dirent.h>
 #include <fstream>
+#include <map>
+#include <sched.h>
 #include <sstream>
 
 namespace {
 
 using Sandbox::Uevent;
 
-// User plus system CPU time of a process, in clock ticks.
-long cpuTicks(pid_t pid)
+// The fields of a /proc stat file, numbered as proc(5) numbers them.
+std::map<int, long> statFields(const std::string& path)
 {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::ifstream stat(path);
     std::string line;
     std::getline(stat, line);
     std::istringstream fields(line.substr(line.rfind(')') + 2));
     std::string field;
-    long ticks = 0;
+    std::map<int, long> numbers;
     for (int index = 3; fields >> field; ++index) {
-        if (index == 14 || index == 15) {
-            ticks += std::stol(field);
-        }
+        numbers[index] = std::strtol(field.c_str(), nullptr, 10);
     }
-    return ticks;
+    return numbers;
+}
+
+// User plus system CPU time of a process, in clock ticks.
+long cpuTicks(pid_t pid)
+{
+    auto fields = statFields("/proc/" + std::to_string(pid) + "/stat");
+    return fields[14] + fields[15];
 }
 
 class DaemonLifecycleTest : public DaemonSandboxTest, public testing::WithParamInterface<int> {};
@@ -50,6 +58,35 @@ TEST_P(DaemonLifecycleTest, StartsAndEndsInOrderOnSignal)
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, DaemonLifecycleTest, testing::Values(SIGTERM, SIGINT));
+
+// The listener must drain the socket's small buffer the moment events arrive,
+// ahead of the handler and of syslogd, or a burst loses events.
+TEST_F(DaemonSandboxTest, ListenerRunsAheadOfTheHandlerThread)
+{
+    prepare();
+    start();
+    const std::string tasks = "/proc/" + std::to_string(sandbox->pid()) + "/task";
+    std::map<long, std::map<int, long>> threads; // by thread id: policy (41), nice (19)
+    DIR* directory = opendir(tasks.c_str());
+    ASSERT_NE(directory, nullptr);
+    while (const dirent* entry = readdir(directory)) {
+        if (entry->d_name[0] != '.') {
+            threads[std::atol(entry->d_name)] = statFields(tasks + "/" + entry->d_name + "/stat");
+        }
+    }
+    closedir(directory);
+    ASSERT_EQ(threads.size(), 2U);
+    for (auto& [thread, fields] : threads) {
+        if (thread == sandbox->pid()) {
+            EXPECT_EQ(fields[41], SCHED_RR) << "the listener";
+        } else {
+            EXPECT_EQ(fields[41], SCHED_OTHER) << "the handler thread";
+            EXPECT_EQ(fields[19], 10) << "the handler thread's nice value";
+        }
+    }
+    EXPECT_TRUE(recordsStartingWith("[Warn ]").empty());
+    stop();
+}
 
 TEST_F(DaemonSandboxTest, FallsBackToKnownTypesWithoutProcFilesystems)
 {

@@ -547,8 +547,9 @@ void footprintSection(const std::string& daemon)
             if (run.lost != 0) {
                 failLoudly("footprint burst: events lost");
             }
+            usleep(1500000); // the daemon hands memory back after a quiet second
             memory = statusKb(pid);
-            std::printf("| after burst %d | %ld KiB | %ld KiB |\n", round, memory["VmRSS"],
+            std::printf("| 1.5 s after burst %d | %ld KiB | %ld KiB |\n", round, memory["VmRSS"],
                         memory["VmHWM"]);
         }
         std::printf("\nidle after start, resident KiB by mapping (proportional in brackets): %s\n",

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <cxxabi.h>
 #include <fstream>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <utility>
 
@@ -56,7 +57,7 @@ __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
         searchExistingDevices("/sys/dev/char");
         searchExistingDevices("/sys/class/net");
         for (;;) {
-            eventSemaphore.lock();
+            waitForEvents();
             // One wake-up may stand for several pushes: drain the whole queue.
             while (!processNextEvent()) {
             }
@@ -70,6 +71,24 @@ __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
         logger.debug() << "Thread terminated" << std::endl;
         throw;
     }
+}
+
+// A burst leaves the heap as large as the backlog was (about 200 bytes per
+// queued event) and the allocator keeps most of it. Once the burst has been
+// quiet for a second the daemon hands it back, so that it returns to its idle
+// footprint; small trickles of events never pay for that.
+void HotplugHandlerThread::waitForEvents()
+{
+    constexpr uint32_t burstSize = 256;
+    constexpr int32_t quietMs = 1000;
+    if (handledSinceTrim >= burstSize) {
+        if (eventSemaphore.lock(quietMs)) {
+            return;
+        }
+        static_cast<void>(malloc_trim(0));
+        handledSinceTrim = 0;
+    }
+    eventSemaphore.lock();
 }
 
 // The listener must empty the socket's small receive buffer (about 166 events)
@@ -154,6 +173,7 @@ bool HotplugHandlerThread::processNextEvent()
     }
     // Handled outside the queue mutex so the listener can keep pushing.
     if (event) {
+        ++handledSinceTrim;
         dispatchEvent(event);
     }
     return queueEmpty;

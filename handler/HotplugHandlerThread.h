@@ -73,7 +73,10 @@ public:
     void run() override;
 
 private:
+    void waitForEvents();
+
     std::deque<EventPtr> eventQueue; // owns the events it holds
+    uint32_t handledSinceTrim = 0;   // events taken from the queue since memory went back
     Halvern::CommonCpp::Osal::OsalBinaryMutex queueMutex;
     Halvern::CommonCpp::Osal::OsalBinarySemaphore eventSemaphore;
     std::list<std::string> supportedFileSystems;

@@ -454,9 +454,13 @@ void burstSection(const std::string& daemon)
     }
     // Faster than the kernel sends, up to one sender flat out, one datagram
     // per system call as the kernel emits them.
-    for (double rate : {200000.0, 400000.0, 0.0}) {
+    // The sending rate reached, not the one aimed at, counts: a sender that
+    // shares a core with the listener is held back by it.
+    double highestSurvived = 0;
+    for (double rate : {150000.0, 200000.0, 300000.0, 400000.0, 600000.0, 0.0}) {
         Run run(daemon);
         const double rateOfAdds = run.burst("add", burstSize, rate);
+        double slowerSending = run.sendRate;
         const std::string adds =
             run.lost == 0 ? std::to_string(static_cast<long>(rateOfAdds)) : "-";
         long lost = run.lost;
@@ -465,6 +469,10 @@ void burstSection(const std::string& daemon)
             const double rateOfRemoves = run.burst("remove", burstSize, rate);
             removes = run.lost == 0 ? std::to_string(static_cast<long>(rateOfRemoves)) : "-";
             lost += run.lost;
+            slowerSending = std::min(slowerSending, run.sendRate);
+        }
+        if (lost == 0 && run.sandbox->isAlive()) {
+            highestSurvived = std::max(highestSurvived, slowerSending);
         }
         const std::string label =
             (rate > 0 ? std::to_string(static_cast<long>(rate)) + "/s" : "one sender, flat out") +
@@ -482,6 +490,7 @@ void burstSection(const std::string& daemon)
             "| - |\n",
             adds, removes);
     }
+    std::printf("\nhighest sending rate survived without loss: %.0f events/s\n", highestSurvived);
 }
 
 void latencySection(const std::string& daemon)

@@ -12,6 +12,7 @@
 #include <sched.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 using Common::Exceptions::RavoException;
@@ -41,6 +42,10 @@ void HotplugNetlink::run()
         // After the start, so that the handler thread keeps the ordinary policy.
         preemptOtherWork();
         while (!terminate) {
+            if (receivedSinceLastPoll) {
+                receivedSinceLastPoll = false;
+                letEventsGather();
+            }
             poller.pollEvents(pollTimeoutMs);
             if (!handlerThread.isRunning()) {
                 throw RavoException("HotplugNetlink", "run",
@@ -72,6 +77,21 @@ void HotplugNetlink::preemptOtherWork()
         logger.warn() << "Unable to give the listener a real-time priority: "
                       << std::strerror(error) << std::endl;
     }
+}
+
+// At real-time priority the listener would otherwise take the CPU from the
+// sender of a burst (the kernel's emitting thread) for every single datagram,
+// two context switches each. Pausing briefly after a read lets a burst gather
+// in the socket and go in one drain; the first event after a quiet spell is
+// still read at once. At the kernel's pace (about 100,000 events a second) a
+// pause gathers some 20 of the 166 datagrams the buffer holds.
+void HotplugNetlink::letEventsGather() const
+{
+    constexpr long pauseNs = 200000;
+    const timespec pause{0, pauseNs};
+    // Signals come through the signalfd only, so nothing interrupts the pause;
+    // were it cut short, the next poll would simply come sooner.
+    static_cast<void>(clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr));
 }
 
 void HotplugNetlink::initSignals()
@@ -153,6 +173,7 @@ void HotplugNetlink::readKernelEvent()
             const int error = errno;
             throw RavoException("HotplugNetlink", "readKernelEvent", "recv", error);
         }
+        receivedSinceLastPoll = true;
         char* text = reinterpret_cast<char*>(receiveBuffer.data());
         text[received] = '\0';
         parseKernelEvent(text, static_cast<size_t>(received));

@@ -32,12 +32,14 @@ private:
     void initSignals();
     void initNetlinkSocket();
     void preemptOtherWork();
+    void letEventsGather() const;
     void readKernelEvent();
     void shutdown();
 
     int netlinkSocket;
     int signalFd;
     bool terminate;
+    bool receivedSinceLastPoll = false;
     Common::Container::ByteArray receiveBuffer;
     Common::Polling::Poller poller;
     HotplugHandlerThread handlerThread;

@@ -38,9 +38,9 @@ void HotplugNetlink::run()
     try {
         initSignals();
         initNetlinkSocket();
-        handlerThread.start(nullptr);
-        // After the start, so that the handler thread keeps the ordinary policy.
+        // Before the start: the handler thread inherits the outcome and adapts to it.
         preemptOtherWork();
+        handlerThread.start(nullptr);
         while (!terminate) {
             if (receivedSinceLastPoll) {
                 receivedSinceLastPoll = false;

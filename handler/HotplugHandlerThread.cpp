@@ -8,6 +8,8 @@
 #include <cxxabi.h>
 #include <fstream>
 #include <malloc.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <utility>
 
@@ -93,12 +95,25 @@ void HotplugHandlerThread::waitForEvents()
 
 // The listener must empty the socket's small receive buffer (about 166 events)
 // whenever datagrams arrive, or the kernel drops events; this thread's work can
-// wait in the queue. The listener runs at a real-time priority where it may;
-// where it may not, a higher nice value for this thread alone still lets it
-// preempt the handler during a burst. Raising one's own nice value cannot be
-// refused, so a failure would only cost speed: logged, not fatal.
+// wait in the queue. This thread starts with the listener's scheduling. If the
+// listener got its real-time priority, this thread goes back to the ordinary
+// policy and the listener preempts it anyway. If not, a higher nice value for
+// this thread alone still lets the listener preempt it during a burst. Neither
+// change can be refused, so a failure would only cost speed: logged, not fatal.
 void HotplugHandlerThread::yieldToListener()
 {
+    int policy = SCHED_OTHER;
+    sched_param parameters{};
+    if (pthread_getschedparam(pthread_self(), &policy, &parameters) == 0 &&
+        policy != SCHED_OTHER) {
+        parameters.sched_priority = 0;
+        const int error = pthread_setschedparam(pthread_self(), SCHED_OTHER, &parameters);
+        if (error != 0) {
+            logger.warn() << "Unable to give the handler thread the ordinary policy: "
+                          << std::strerror(error) << std::endl;
+        }
+        return;
+    }
     constexpr int handlerNice = 10;
     if (setpriority(PRIO_PROCESS, 0, handlerNice) != 0) {
         const int error = errno;

@@ -81,7 +81,7 @@ TEST_F(DaemonSandboxTest, ListenerRunsAheadOfTheHandlerThread)
             EXPECT_EQ(fields[41], SCHED_RR) << "the listener";
         } else {
             EXPECT_EQ(fields[41], SCHED_OTHER) << "the handler thread";
-            EXPECT_EQ(fields[19], 10) << "the handler thread's nice value";
+            EXPECT_EQ(fields[19], 0) << "the handler thread's nice value";
         }
     }
     EXPECT_TRUE(recordsStartingWith("[Warn ]").empty());

@@ -16,19 +16,38 @@ struct UeventFields {
     const char* devtype = nullptr;
 };
 
+// Keys are told apart by their first letter before any comparison: most keys
+// of a datagram (MAJOR, MINOR, SEQNUM, PARTN, ...) are of no interest.
 void remember(UeventFields& fields, const char* key, const char* value)
 {
-    if (std::strcmp(key, "ACTION") == 0) {
-        fields.action = value;
-    } else if (std::strcmp(key, "DEVNAME") == 0 || std::strcmp(key, "INTERFACE") == 0) {
-        // Both fill one slot: whichever comes later wins.
-        fields.name = value;
-    } else if (std::strcmp(key, "DEVPATH") == 0) {
-        fields.devpath = value;
-    } else if (std::strcmp(key, "SUBSYSTEM") == 0) {
-        fields.subsystem = value;
-    } else if (std::strcmp(key, "DEVTYPE") == 0) {
-        fields.devtype = value;
+    switch (key[0]) {
+    case 'A':
+        if (std::strcmp(key, "ACTION") == 0) {
+            fields.action = value;
+        }
+        break;
+    case 'D':
+        if (std::strcmp(key, "DEVNAME") == 0) {
+            // DEVNAME and INTERFACE fill one slot: whichever comes later wins.
+            fields.name = value;
+        } else if (std::strcmp(key, "DEVPATH") == 0) {
+            fields.devpath = value;
+        } else if (std::strcmp(key, "DEVTYPE") == 0) {
+            fields.devtype = value;
+        }
+        break;
+    case 'I':
+        if (std::strcmp(key, "INTERFACE") == 0) {
+            fields.name = value;
+        }
+        break;
+    case 'S':
+        if (std::strcmp(key, "SUBSYSTEM") == 0) {
+            fields.subsystem = value;
+        }
+        break;
+    default:
+        break;
     }
 }
 
@@ -72,22 +91,23 @@ void HotplugNetlink::parseKernelEvent(char* buffer, size_t length)
         return;
     }
     UeventFields fields;
-    const char* const end = buffer + length;
+    char* const end = buffer + length;
     char* string = buffer;
     while (string < end) {
-        char* cursor = string;
-        const char* value = nullptr;
-        for (; cursor < end && *cursor != '\0'; ++cursor) {
-            // The first "=" splits key and value, unless it is the very last byte.
-            if (*cursor == '=' && value == nullptr && cursor + 1 < end) {
-                *cursor = '\0';
-                value = cursor + 1;
-            }
+        // memchr scans a word at a time; device paths run to a hundred bytes.
+        auto* stop =
+            static_cast<char*>(std::memchr(string, '\0', static_cast<size_t>(end - string)));
+        if (stop == nullptr) {
+            stop = end;
         }
-        if (value != nullptr) {
-            remember(fields, string, value);
+        // The first "=" splits key and value, unless it is the very last byte.
+        auto* equals =
+            static_cast<char*>(std::memchr(string, '=', static_cast<size_t>(stop - string)));
+        if (equals != nullptr && equals + 1 < end) {
+            *equals = '\0';
+            remember(fields, string, equals + 1);
         }
-        string = cursor + 1;
+        string = stop + 1;
     }
 
     if (fields.action == nullptr || fields.name == nullptr || fields.devpath == nullptr ||

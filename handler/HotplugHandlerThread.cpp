@@ -104,8 +104,7 @@ void HotplugHandlerThread::yieldToListener()
 {
     int policy = SCHED_OTHER;
     sched_param parameters{};
-    if (pthread_getschedparam(pthread_self(), &policy, &parameters) == 0 &&
-        policy != SCHED_OTHER) {
+    if (pthread_getschedparam(pthread_self(), &policy, &parameters) == 0 && policy != SCHED_OTHER) {
         parameters.sched_priority = 0;
         const int error = pthread_setschedparam(pthread_self(), SCHED_OTHER, &parameters);
         if (error != 0) {

@@ -2,6 +2,7 @@
 // it, the order of a burst of events, and datagrams it must survive.
 #include "tests/system/DaemonSandboxTest.h"
 
+#include <algorithm>
 #include <dirent.h>
 #include <fstream>
 #include <map>
@@ -65,6 +66,9 @@ TEST_F(DaemonSandboxTest, ListenerRunsAheadOfTheHandlerThread)
 {
     prepare();
     start();
+    // The handler thread settles its scheduling first thing, before this record.
+    ASSERT_TRUE(sawRecordWhere(
+        [](const std::string& text) { return text.rfind(handler + "Mount supports", 0) == 0; }));
     const std::string tasks = "/proc/" + std::to_string(sandbox->pid()) + "/task";
     std::map<long, std::map<int, long>> threads; // by thread id: policy (41), nice (19)
     DIR* directory = opendir(tasks.c_str());
@@ -75,16 +79,13 @@ TEST_F(DaemonSandboxTest, ListenerRunsAheadOfTheHandlerThread)
         }
     }
     closedir(directory);
-    // Under qemu-user the emulator adds threads of its own, ordinary ones.
-    ASSERT_GE(threads.size(), 2U);
-    for (auto& [thread, fields] : threads) {
-        if (thread == sandbox->pid()) {
-            EXPECT_EQ(fields[41], SCHED_RR) << "the listener";
-        } else {
-            EXPECT_EQ(fields[41], SCHED_OTHER) << "the handler thread";
-            EXPECT_EQ(fields[19], 0) << "the handler thread's nice value";
-        }
-    }
+    // qemu-user and the thread sanitizer add threads of their own, which
+    // inherit whatever their creator had: only the handler's policy is known.
+    EXPECT_EQ(threads[sandbox->pid()][41], SCHED_RR) << "the listener";
+    const auto ordinary = std::count_if(threads.begin(), threads.end(), [](auto& thread) {
+        return thread.second[41] == SCHED_OTHER && thread.second[19] == 0;
+    });
+    EXPECT_GE(ordinary, 1) << "no thread with the ordinary policy and nice 0: the handler";
     EXPECT_TRUE(recordsStartingWith("[Warn ]").empty());
     stop();
 }

@@ -66,8 +66,9 @@ void HotplugNetlink::run()
 // run the moment datagrams arrive, whatever else competes for the CPU (the
 // handler, syslogd). The lowest real-time priority does that; the listener
 // only drains the socket into the queue, so it cannot starve anyone. Without
-// the privilege the daemon works as before, at the risk of losing events in
-// a burst: logged, not fatal.
+// the privilege it stays an ordinary thread and the handler thread lowers its
+// own priority instead, which makes a loss in a burst unlikely but not
+// impossible: logged, not fatal.
 void HotplugNetlink::preemptOtherWork()
 {
     sched_param parameters{};

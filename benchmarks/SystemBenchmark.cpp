@@ -4,7 +4,7 @@
 // makes a wrong link where none may be lost, instead of printing a figure.
 // Usage: dhh_system_benchmark [--only=SECTION] DAEMON [M32_DAEMON]
 #include "sandbox/Namespaces.h"
-#include "sandbox/Sandbox.h"
+#include "sandbox/SimulatedDevice.h"
 
 #include <algorithm>
 #include <chrono>
@@ -75,7 +75,8 @@ Adapter adapter(int index)
 // Counts uart links appearing and going in the port directories.
 class LinkWatch {
 public:
-    explicit LinkWatch(Sandbox::Sandbox& sandbox) : fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
+    explicit LinkWatch(Sandbox::SimulatedDevice& sandbox)
+        : fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
     {
         if (fd < 0) {
             failLoudly("inotify_init1");
@@ -150,9 +151,9 @@ class Run {
 public:
     Run(const std::string& daemonPath, int presentAdapters = 0)
     {
-        Sandbox::Sandbox::Options options;
+        Sandbox::SimulatedDevice::Options options;
         options.daemonPath = daemonPath;
-        sandbox = std::make_unique<Sandbox::Sandbox>(options);
+        sandbox = std::make_unique<Sandbox::SimulatedDevice>(options);
         for (int index = 0; index < presentAdapters; ++index) {
             const Adapter present = adapter(index);
             sandbox->sysfs().addCharDevice(present.devpath, present.devname,
@@ -281,7 +282,7 @@ public:
         }
     }
 
-    std::unique_ptr<Sandbox::Sandbox> sandbox;
+    std::unique_ptr<Sandbox::SimulatedDevice> sandbox;
     std::unique_ptr<LinkWatch> watch;
     Clock::time_point started;
     long lost = 0;

@@ -5,7 +5,7 @@
 #include "sandbox/LoopDisk.h"
 #include "sandbox/MountTable.h"
 #include "sandbox/Namespaces.h"
-#include "sandbox/Sandbox.h"
+#include "sandbox/SimulatedDevice.h"
 
 #include <csignal>
 #include <cstdio>
@@ -26,7 +26,7 @@ const std::string ethernet = hub + "/1-1.6";
 
 class Demo {
 public:
-    explicit Demo(Sandbox::Sandbox& sandbox) : box(sandbox) {}
+    explicit Demo(Sandbox::SimulatedDevice& sandbox) : box(sandbox) {}
 
     void say(const std::string& text)
     {
@@ -113,7 +113,7 @@ private:
         ++shown;
     }
 
-    Sandbox::Sandbox& box;
+    Sandbox::SimulatedDevice& box;
     size_t shown = 0;
     int markers = 0;
 };
@@ -122,9 +122,9 @@ int runDemo(const std::string& daemonPath)
 {
     std::printf("== Preparing: a USB stick image with one ext4 partition on a loop device\n");
     Sandbox::LoopDisk disk({{16, "ext4"}});
-    Sandbox::Sandbox::Options options;
+    Sandbox::SimulatedDevice::Options options;
     options.daemonPath = daemonPath;
-    Sandbox::Sandbox sandbox(options);
+    Sandbox::SimulatedDevice sandbox(options);
     sandbox.addDeviceNode("sda1", disk.partitionDevice(1));
     Demo demo(sandbox);
 

@@ -39,8 +39,8 @@ class DaemonLifecycleTest : public DaemonSandboxTest, public testing::WithParamI
 
 TEST_P(DaemonLifecycleTest, StartsAndEndsInOrderOnSignal)
 {
-    Sandbox::Sandbox::Options options;
-    options.procFilesystems = Sandbox::Sandbox::ProcFilesystems::Custom;
+    Sandbox::SimulatedDevice::Options options;
+    options.procFilesystems = Sandbox::SimulatedDevice::ProcFilesystems::Custom;
     options.procFilesystemsText = "nodev\tsysfs\n\text4\nnodev\tproc\n\tvfat\n";
     prepare(options);
     start();
@@ -92,8 +92,8 @@ TEST_F(DaemonSandboxTest, ListenerRunsAheadOfTheHandlerThread)
 
 TEST_F(DaemonSandboxTest, FallsBackToKnownTypesWithoutProcFilesystems)
 {
-    Sandbox::Sandbox::Options options;
-    options.procFilesystems = Sandbox::Sandbox::ProcFilesystems::Absent;
+    Sandbox::SimulatedDevice::Options options;
+    options.procFilesystems = Sandbox::SimulatedDevice::ProcFilesystems::Absent;
     prepare(options);
     start();
     EXPECT_TRUE(
@@ -152,7 +152,7 @@ TEST_F(DaemonSandboxTest, SurvivesMalformedDatagramsWithoutATrace)
     EXPECT_EQ(sandbox->syslog().history().size(), recordsBefore + 1);
     // A spinning poll loop would burn the whole core meanwhile.
     EXPECT_TRUE(sandbox->isAlive());
-    Sandbox::Sandbox::waitUntil([] { return false; }, 500);
+    Sandbox::SimulatedDevice::waitUntil([] { return false; }, 500);
     EXPECT_LT(cpuTicks(sandbox->pid()) - ticksBefore, 25);
     stop();
 }

@@ -4,7 +4,7 @@
 
 #include "sandbox/LoopDisk.h"
 #include "sandbox/Namespaces.h"
-#include "sandbox/Sandbox.h"
+#include "sandbox/SimulatedDevice.h"
 
 #include <gtest/gtest.h>
 
@@ -40,10 +40,10 @@ protected:
     }
 
     // Builds the sandbox; the test may still add to its tree before start().
-    Sandbox::Sandbox& prepare(Sandbox::Sandbox::Options options = {})
+    Sandbox::SimulatedDevice& prepare(Sandbox::SimulatedDevice::Options options = {})
     {
         options.daemonPath = DHH_DAEMON_PATH;
-        sandbox = std::make_unique<Sandbox::Sandbox>(options);
+        sandbox = std::make_unique<Sandbox::SimulatedDevice>(options);
         return *sandbox;
     }
 
@@ -121,7 +121,7 @@ protected:
     }
 
     std::unique_ptr<Sandbox::LoopDisk> disk;
-    std::unique_ptr<Sandbox::Sandbox> sandbox;
+    std::unique_ptr<Sandbox::SimulatedDevice> sandbox;
 };
 
 inline const std::string DaemonSandboxTest::handler = "[Debug] HotplugHandlerThread: ";

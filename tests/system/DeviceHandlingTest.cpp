@@ -54,8 +54,8 @@ TEST_F(PartitionTest, MountsAndUnmountsFromInjectedUevents)
     EXPECT_TRUE(sawRecord("[Warn ] HotplugHandlerThread: Unable to mount sda2, filesystem not "
                           "supported, extended partition or filesystem error"));
     // The record comes before the rmdir.
-    EXPECT_TRUE(
-        Sandbox::Sandbox::waitUntil([&] { return !sandbox->exists("/mnt/usb/sda2"); }, deadlineMs));
+    EXPECT_TRUE(Sandbox::SimulatedDevice::waitUntil(
+        [&] { return !sandbox->exists("/mnt/usb/sda2"); }, deadlineMs));
 
     // Removed while in use: detached at once all the same.
     const int busy = open(sandbox->path("/mnt/usb/sda1/lost+found").c_str(), O_RDONLY | O_CLOEXEC);
@@ -77,8 +77,8 @@ TEST_F(PartitionTest, MountsAndUnmountsFromInjectedUevents)
 TEST_F(PartitionTest, MountsOnARealKernelUevent)
 {
     auto& disk = makeDisk({{8, "ext2"}});
-    Sandbox::Sandbox::Options options;
-    options.network = Sandbox::Sandbox::Network::Initial;
+    Sandbox::SimulatedDevice::Options options;
+    options.network = Sandbox::SimulatedDevice::Network::Initial;
     prepare(options);
     const std::string name = disk.partitionName(1);
     sandbox->addDeviceNode(name, disk.partitionDevice(1));
@@ -113,7 +113,7 @@ TEST_F(PartitionTest, HostKernelUeventsStayOutOfTheIsolatedSandbox)
 
 TEST_F(DaemonSandboxTest, KeepsHubAndPortLinks)
 {
-    Sandbox::Sandbox::Options options;
+    Sandbox::SimulatedDevice::Options options;
     options.portDirectories = {"usb1-2", "usb1-3"};
     prepare(options);
     start();

@@ -80,7 +80,7 @@ protected:
 
 TEST_F(StormTest, ValgrindFindsNothingAndTheLinksMatchThePluggedDevices)
 {
-    Sandbox::Sandbox::Options options;
+    Sandbox::SimulatedDevice::Options options;
     options.launcher = {valgrindPath,
                         "--quiet",
                         "--error-exitcode=99",

@@ -1,4 +1,4 @@
-#include "sandbox/Sandbox.h"
+#include "sandbox/SimulatedDevice.h"
 
 #include "sandbox/IsolatedNetwork.h"
 #include "sandbox/Namespaces.h"
@@ -25,13 +25,14 @@ namespace {
 void checkInside(const std::string& insidePath)
 {
     if (insidePath.empty() || insidePath[0] != '/') {
-        throw std::invalid_argument("Sandbox: inside paths are absolute: \"" + insidePath + "\"");
+        throw std::invalid_argument("SimulatedDevice: inside paths are absolute: \"" + insidePath +
+                                    "\"");
     }
 }
 
 } // namespace
 
-std::vector<std::string> Sandbox::defaultPortDirectories()
+std::vector<std::string> SimulatedDevice::defaultPortDirectories()
 {
     std::vector<std::string> names;
     for (int hub = 1; hub <= 2; ++hub) {
@@ -42,7 +43,7 @@ std::vector<std::string> Sandbox::defaultPortDirectories()
     return names;
 }
 
-Sandbox::Sandbox(const Options& chosen) : options(chosen)
+SimulatedDevice::SimulatedDevice(const Options& chosen) : options(chosen)
 {
     Namespaces::enterPrivateMountNamespace();
     try {
@@ -61,26 +62,26 @@ Sandbox::Sandbox(const Options& chosen) : options(chosen)
     }
 }
 
-Sandbox::~Sandbox()
+SimulatedDevice::~SimulatedDevice()
 {
     tearDown();
 }
 
-void Sandbox::layOut()
+void SimulatedDevice::layOut()
 {
     char base[] = "/tmp/dhh-sandbox-XXXXXX";
     if (mkdtemp(base) == nullptr) {
-        throw systemError(std::string("Sandbox: mkdtemp ") + base);
+        throw systemError(std::string("SimulatedDevice: mkdtemp ") + base);
     }
     baseDirectory = base;
     // Only in the private namespace: the host never sees it, and it dies with the test.
     if (mount("dhh-sandbox", base, "tmpfs", 0, "mode=0755") != 0) {
-        throw systemError(std::string("Sandbox: mount tmpfs on ") + base);
+        throw systemError(std::string("SimulatedDevice: mount tmpfs on ") + base);
     }
     baseMounted = true;
     rootDirectory = baseDirectory + "/root";
     if (mkdir(rootDirectory.c_str(), 0755) != 0) {
-        throw systemError("Sandbox: mkdir " + rootDirectory);
+        throw systemError("SimulatedDevice: mkdir " + rootDirectory);
     }
     view = std::make_unique<RootView>(rootDirectory);
 
@@ -97,7 +98,7 @@ void Sandbox::layOut()
     // As udev makes it; a binfmt_misc interpreter (qemu) opens the program there.
     const std::string fdLink = path("/dev/fd");
     if (symlink("/proc/self/fd", fdLink.c_str()) != 0) {
-        throw systemError("Sandbox: symlink " + fdLink);
+        throw systemError("SimulatedDevice: symlink " + fdLink);
     }
     makeDirectory("/tmp", 01777);
     layOutProc();
@@ -119,19 +120,19 @@ void Sandbox::layOut()
 
 // A real procfs, as on the device (sanitizer runtimes also read /proc/self);
 // a chosen /proc/filesystems is bound over the kernel's own.
-void Sandbox::layOutProc()
+void SimulatedDevice::layOutProc()
 {
     makeDirectory("/proc", 0555);
     const std::string proc = path("/proc");
     if (mount("proc", proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
-        throw systemError("Sandbox: mount proc on " + proc);
+        throw systemError("SimulatedDevice: mount proc on " + proc);
     }
     std::string replacement = baseDirectory + "/filesystems";
     if (options.procFilesystems == ProcFilesystems::Custom) {
         std::ofstream file(replacement, std::ios::binary);
         file << options.procFilesystemsText;
         if (!file.flush()) {
-            throw std::runtime_error("Sandbox: cannot write " + replacement);
+            throw std::runtime_error("SimulatedDevice: cannot write " + replacement);
         }
     } else if (options.procFilesystems == ProcFilesystems::Absent) {
         // A procfs file cannot be removed; open() of a socket fails (ENXIO)
@@ -142,44 +143,44 @@ void Sandbox::layOutProc()
         replacement.copy(address.sun_path, sizeof(address.sun_path) - 1);
         if (socketFd.get() < 0 || bind(socketFd.get(), reinterpret_cast<const sockaddr*>(&address),
                                        sizeof(address)) != 0) {
-            throw systemError("Sandbox: bind a socket at " + replacement);
+            throw systemError("SimulatedDevice: bind a socket at " + replacement);
         }
     } else {
         return;
     }
     const std::string target = proc + "/filesystems";
     if (mount(replacement.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-        throw systemError("Sandbox: bind " + replacement + " on " + target);
+        throw systemError("SimulatedDevice: bind " + replacement + " on " + target);
     }
 }
 
-void Sandbox::makeDirectory(const std::string& insidePath, mode_t mode) const
+void SimulatedDevice::makeDirectory(const std::string& insidePath, mode_t mode) const
 {
     const std::string directory = path(insidePath);
     if (mkdir(directory.c_str(), mode) != 0) {
-        throw systemError("Sandbox: mkdir " + directory);
+        throw systemError("SimulatedDevice: mkdir " + directory);
     }
     // mkdir() applies the umask; the sticky bit of /tmp needs chmod anyway.
     if (chmod(directory.c_str(), mode) != 0) {
-        throw systemError("Sandbox: chmod " + directory);
+        throw systemError("SimulatedDevice: chmod " + directory);
     }
 }
 
-void Sandbox::bindReadOnly(const std::string& hostPath, const std::string& insidePath) const
+void SimulatedDevice::bindReadOnly(const std::string& hostPath, const std::string& insidePath) const
 {
     makeDirectory(insidePath);
     const std::string target = path(insidePath);
     if (mount(hostPath.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-        throw systemError("Sandbox: bind " + hostPath + " on " + target);
+        throw systemError("SimulatedDevice: bind " + hostPath + " on " + target);
     }
     // A bind mount takes MS_RDONLY only on a second, remounting call.
     if (mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
-        throw systemError("Sandbox: remount " + target + " read-only");
+        throw systemError("SimulatedDevice: remount " + target + " read-only");
     }
 }
 
 // With a merged /usr, /bin and friends are links into usr; elsewhere they are directories.
-void Sandbox::mirrorTopLevelLink(const std::string& name) const
+void SimulatedDevice::mirrorTopLevelLink(const std::string& name) const
 {
     const std::string hostPath = "/" + name;
     struct stat status {};
@@ -193,44 +194,44 @@ void Sandbox::mirrorTopLevelLink(const std::string& name) const
     char target[4096];
     const ssize_t length = readlink(hostPath.c_str(), target, sizeof(target) - 1);
     if (length < 0) {
-        throw systemError("Sandbox: readlink " + hostPath);
+        throw systemError("SimulatedDevice: readlink " + hostPath);
     }
     const std::string link = path(hostPath);
     if (symlink(std::string(target, static_cast<size_t>(length)).c_str(), link.c_str()) != 0) {
-        throw systemError("Sandbox: symlink " + link);
+        throw systemError("SimulatedDevice: symlink " + link);
     }
 }
 
-void Sandbox::addDeviceNode(const std::string& name, dev_t device, mode_t type)
+void SimulatedDevice::addDeviceNode(const std::string& name, dev_t device, mode_t type)
 {
     const std::string node = path("/dev/" + name);
     for (auto slash = node.find('/', rootDirectory.size() + 5); slash != std::string::npos;
          slash = node.find('/', slash + 1)) {
         if (mkdir(node.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) {
-            throw systemError("Sandbox: mkdir " + node.substr(0, slash));
+            throw systemError("SimulatedDevice: mkdir " + node.substr(0, slash));
         }
     }
     if (mknod(node.c_str(), type | 0666, device) != 0) {
-        throw systemError("Sandbox: mknod " + node);
+        throw systemError("SimulatedDevice: mknod " + node);
     }
 }
 
-void Sandbox::writeFile(const std::string& insidePath, const std::string& content)
+void SimulatedDevice::writeFile(const std::string& insidePath, const std::string& content)
 {
     const std::string file = path(insidePath);
     UniqueFd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!fd.valid()) {
-        throw systemError("Sandbox: open " + file);
+        throw systemError("SimulatedDevice: open " + file);
     }
     if (write(fd.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
-        throw systemError("Sandbox: write " + file);
+        throw systemError("SimulatedDevice: write " + file);
     }
 }
 
-void Sandbox::start()
+void SimulatedDevice::start()
 {
     if (daemon && daemon->isAlive()) {
-        throw std::logic_error("Sandbox::start: the daemon runs already");
+        throw std::logic_error("SimulatedDevice::start: the daemon runs already");
     }
     daemon.reset();
     DaemonProcess::Launch launch;
@@ -246,7 +247,7 @@ void Sandbox::start()
             writeFile(launch.insideBinaryPath, "");
             const std::string target = path(launch.insideBinaryPath);
             if (mount(options.daemonPath.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-                throw systemError("Sandbox: bind " + options.daemonPath + " on " + target);
+                throw systemError("SimulatedDevice: bind " + options.daemonPath + " on " + target);
             }
             binaryBound = true;
         }
@@ -254,16 +255,16 @@ void Sandbox::start()
     daemon = std::make_unique<DaemonProcess>(launch);
 }
 
-DaemonProcess& Sandbox::running(const char* method) const
+DaemonProcess& SimulatedDevice::running(const char* method) const
 {
     if (!daemon) {
-        throw std::logic_error(std::string("Sandbox::") + method +
+        throw std::logic_error(std::string("SimulatedDevice::") + method +
                                ": the daemon was never started");
     }
     return *daemon;
 }
 
-bool Sandbox::waitUntilListening(int timeoutMs)
+bool SimulatedDevice::waitUntilListening(int timeoutMs)
 {
     DaemonProcess& process = running("waitUntilListening");
     bool ended = false;
@@ -276,46 +277,46 @@ bool Sandbox::waitUntilListening(int timeoutMs)
     return listens && !ended;
 }
 
-void Sandbox::inject(const Uevent& event)
+void SimulatedDevice::inject(const Uevent& event)
 {
     injectRaw(event.datagram());
 }
 
-void Sandbox::injectRaw(const std::string& datagram)
+void SimulatedDevice::injectRaw(const std::string& datagram)
 {
     isolatedSender().send(datagram);
 }
 
-void Sandbox::injectRawBurst(const std::string* datagrams, size_t count)
+void SimulatedDevice::injectRawBurst(const std::string* datagrams, size_t count)
 {
     isolatedSender().sendAll(datagrams, count);
 }
 
-const UeventSender& Sandbox::isolatedSender() const
+const UeventSender& SimulatedDevice::isolatedSender() const
 {
     if (!sender) {
         // The host's own listeners (udev) would take fake events for real ones.
-        throw std::logic_error("Sandbox::inject: refused in the host's network namespace");
+        throw std::logic_error("SimulatedDevice::inject: refused in the host's network namespace");
     }
     return *sender;
 }
 
-void Sandbox::signal(int signalNumber)
+void SimulatedDevice::signal(int signalNumber)
 {
     running("signal").signal(signalNumber);
 }
 
-int Sandbox::waitExit(int timeoutMs)
+int SimulatedDevice::waitExit(int timeoutMs)
 {
     return running("waitExit").waitExit(timeoutMs);
 }
 
-bool Sandbox::isAlive()
+bool SimulatedDevice::isAlive()
 {
     return daemon && daemon->isAlive();
 }
 
-std::string Sandbox::output() const
+std::string SimulatedDevice::output() const
 {
     // Absent until the daemon was started once.
     std::ifstream file(baseDirectory + "/output", std::ios::binary);
@@ -324,39 +325,39 @@ std::string Sandbox::output() const
     return text.str();
 }
 
-std::string Sandbox::path(const std::string& insidePath) const
+std::string SimulatedDevice::path(const std::string& insidePath) const
 {
     checkInside(insidePath);
     return insidePath == "/" ? rootDirectory : rootDirectory + insidePath;
 }
 
-bool Sandbox::exists(const std::string& insidePath) const
+bool SimulatedDevice::exists(const std::string& insidePath) const
 {
     return view->exists(insidePath);
 }
 
-std::string Sandbox::readLink(const std::string& insidePath) const
+std::string SimulatedDevice::readLink(const std::string& insidePath) const
 {
     return view->readLink(insidePath);
 }
 
-std::string Sandbox::readFile(const std::string& insidePath) const
+std::string SimulatedDevice::readFile(const std::string& insidePath) const
 {
     return view->readFile(insidePath);
 }
 
-std::vector<std::string> Sandbox::list(const std::string& insideDirectory) const
+std::vector<std::string> SimulatedDevice::list(const std::string& insideDirectory) const
 {
     return view->list(insideDirectory);
 }
 
-bool Sandbox::isMounted(const std::string& insidePath) const
+bool SimulatedDevice::isMounted(const std::string& insidePath) const
 {
     MountTable::Entry entry;
     return findMount(insidePath, entry);
 }
 
-bool Sandbox::findMount(const std::string& insidePath, MountTable::Entry& entry) const
+bool SimulatedDevice::findMount(const std::string& insidePath, MountTable::Entry& entry) const
 {
     std::string mountPoint = path(insidePath);
     while (mountPoint.size() > 1 && mountPoint.back() == '/') {
@@ -365,7 +366,7 @@ bool Sandbox::findMount(const std::string& insidePath, MountTable::Entry& entry)
     return MountTable::find(mountPoint, entry);
 }
 
-bool Sandbox::waitUntil(const std::function<bool()>& condition, int timeoutMs)
+bool SimulatedDevice::waitUntil(const std::function<bool()>& condition, int timeoutMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
@@ -379,7 +380,7 @@ bool Sandbox::waitUntil(const std::function<bool()>& condition, int timeoutMs)
     }
 }
 
-void Sandbox::tearDown() noexcept
+void SimulatedDevice::tearDown() noexcept
 {
     // The daemon first: its mounts and open files would keep things busy.
     daemon.reset();
@@ -392,22 +393,22 @@ void Sandbox::tearDown() noexcept
         try {
             for (const auto& mountPoint : MountTable::below(baseDirectory)) {
                 if (umount2(mountPoint.c_str(), MNT_DETACH) != 0) {
-                    std::fprintf(stderr, "Sandbox: umount2 %s: %s\n", mountPoint.c_str(),
+                    std::fprintf(stderr, "SimulatedDevice: umount2 %s: %s\n", mountPoint.c_str(),
                                  std::strerror(errno));
                 }
             }
         } catch (const std::exception& error) {
             // Detaching the tmpfs below still takes every mount under it along.
-            std::fprintf(stderr, "Sandbox: %s\n", error.what());
+            std::fprintf(stderr, "SimulatedDevice: %s\n", error.what());
         }
         if (umount2(baseDirectory.c_str(), MNT_DETACH) != 0) {
-            std::fprintf(stderr, "Sandbox: umount2 %s: %s\n", baseDirectory.c_str(),
+            std::fprintf(stderr, "SimulatedDevice: umount2 %s: %s\n", baseDirectory.c_str(),
                          std::strerror(errno));
         }
         baseMounted = false;
     }
     if (!baseDirectory.empty() && rmdir(baseDirectory.c_str()) != 0) {
-        std::fprintf(stderr, "Sandbox: rmdir %s: %s\n", baseDirectory.c_str(),
+        std::fprintf(stderr, "SimulatedDevice: rmdir %s: %s\n", baseDirectory.c_str(),
                      std::strerror(errno));
     }
     baseDirectory.clear();

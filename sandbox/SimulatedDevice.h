@@ -26,7 +26,7 @@ namespace Sandbox {
 class IsolatedNetwork;
 class UeventSender;
 
-class Sandbox {
+class SimulatedDevice {
 public:
     enum class Network {
         Isolated, // own namespace: injected datagrams only, no host uevents
@@ -51,12 +51,12 @@ public:
 
     // Enters the private mount namespace (see Namespaces) and lays out the
     // root; throws std::runtime_error naming the step that failed.
-    explicit Sandbox(const Options& options);
+    explicit SimulatedDevice(const Options& options);
     // Kills a daemon still running, unmounts everything under the root (the
     // daemon's mounts included) and removes it; never throws.
-    ~Sandbox();
-    Sandbox(const Sandbox&) = delete;
-    Sandbox& operator=(const Sandbox&) = delete;
+    ~SimulatedDevice();
+    SimulatedDevice(const SimulatedDevice&) = delete;
+    SimulatedDevice& operator=(const SimulatedDevice&) = delete;
 
     // The tree, before or while the daemon runs. Paths are as the daemon sees them.
     FakeSysfs& sysfs() { return *fakeSysfs; }

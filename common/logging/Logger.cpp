@@ -17,6 +17,17 @@ std::string& processIdentity()
     return *identity;
 }
 
+// An exception or a thread's cancellation that passes through a stream
+// operation leaves the stream failed, and a failed stream swallows everything
+// written to it after: each use starts from a good stream again.
+std::ostream& usable(std::ostream& stream)
+{
+    if (!stream.good()) {
+        stream.clear();
+    }
+    return stream;
+}
+
 } // namespace
 
 Logger::Logger(const std::string& componentName)
@@ -28,27 +39,27 @@ Logger::~Logger() = default;
 
 std::ostream& Logger::debug()
 {
-    return impl->debugStream;
+    return usable(impl->debugStream);
 }
 
 std::ostream& Logger::info()
 {
-    return impl->infoStream;
+    return usable(impl->infoStream);
 }
 
 std::ostream& Logger::warn()
 {
-    return impl->warnStream;
+    return usable(impl->warnStream);
 }
 
 std::ostream& Logger::error()
 {
-    return impl->errorStream;
+    return usable(impl->errorStream);
 }
 
 std::ostream& Logger::fatal()
 {
-    return impl->fatalStream;
+    return usable(impl->fatalStream);
 }
 
 void Logger::setName(const std::string& componentName)

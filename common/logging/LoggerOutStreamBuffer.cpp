@@ -79,12 +79,20 @@ int LoggerOutStreamBuffer::sync()
     }
 
     std::ptrdiff_t lineStart = 0;
-    for (std::ptrdiff_t i = 0; i < pending; ++i) {
-        if (lineBuffer[i] == '\n') {
-            lineBuffer[i] = '\0';
-            sendRecord(lineBuffer + lineStart);
-            lineStart = i + 1;
+    try {
+        for (std::ptrdiff_t i = 0; i < pending; ++i) {
+            if (lineBuffer[i] == '\n') {
+                lineBuffer[i] = '\0';
+                sendRecord(lineBuffer + lineStart);
+                lineStart = i + 1;
+            }
         }
+    } catch (...) {
+        // syslog() is a cancellation point. Were the pending text kept, the
+        // records already sent would go again at the next flush, and the rest
+        // with the buffer's destructor, long after the thread was stopped.
+        resetPutArea();
+        throw;
     }
 
     const std::ptrdiff_t rest = pending - lineStart;

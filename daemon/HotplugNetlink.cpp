@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -38,8 +39,7 @@ void HotplugNetlink::run()
     try {
         initSignals();
         initNetlinkSocket();
-        // Before the start: the handler thread inherits the outcome and adapts to it.
-        preemptOtherWork();
+        handlerThread.setScheduling(chooseScheduling());
         handlerThread.start(nullptr);
         while (!terminate) {
             if (receivedSinceLastPoll) {
@@ -61,23 +61,42 @@ void HotplugNetlink::run()
     logger.debug() << "Process terminated" << std::endl;
 }
 
-// The socket's receive buffer holds only about 166 uevents, 1.7 ms of a burst
-// at the kernel's pace, and enlarging it is not ours to do: the listener must
-// run the moment datagrams arrive, whatever else competes for the CPU (the
-// handler, syslogd). The lowest real-time priority does that; the listener
-// only drains the socket into the queue, so it cannot starve anyone. Without
-// the privilege it stays an ordinary thread and the handler thread lowers its
-// own priority instead, which makes a loss in a burst unlikely but not
-// impossible: logged, not fatal.
-void HotplugNetlink::preemptOtherWork()
+// Scheduling of both threads is decided here, before the handler thread
+// starts. The socket's receive buffer holds little more than a millisecond of
+// a burst at the kernel's pace, and enlarging it is not ours to do: the
+// listener must run the moment datagrams arrive, whatever else competes for the
+// CPU (the handler, syslogd). The lowest real-time priority does that; the
+// listener only drains the socket into the queue, so it cannot starve anyone.
+// A daemon started with other scheduling (chrt, systemd's CPUScheduling*=,
+// nice) keeps it: the integrator chose. Without the privilege the listener
+// stays an ordinary thread and the handler thread lowers its own priority
+// instead, which makes a loss in a burst unlikely but not impossible: logged,
+// not fatal.
+HotplugHandlerThread::Scheduling HotplugNetlink::chooseScheduling()
 {
+    int policy = SCHED_OTHER;
     sched_param parameters{};
+    if (pthread_getschedparam(pthread_self(), &policy, &parameters) != 0 || policy != SCHED_OTHER) {
+        return HotplugHandlerThread::Scheduling::AsInherited;
+    }
+    errno = 0;
+    const int nice = getpriority(PRIO_PROCESS, 0);
+    if (nice != 0 || errno != 0) {
+        return HotplugHandlerThread::Scheduling::AsInherited;
+    }
     parameters.sched_priority = sched_get_priority_min(SCHED_RR);
     const int error = pthread_setschedparam(pthread_self(), SCHED_RR, &parameters);
     if (error != 0) {
         logger.warn() << "Unable to give the listener a real-time priority: "
-                      << std::strerror(error) << std::endl;
+                      << std::strerror(error)
+                      << ". Grant the service CAP_SYS_NICE and, on kernels with "
+                         "CONFIG_RT_GROUP_SCHED, a real-time budget (cpu.rt_runtime_us); the "
+                         "handler thread runs at nice 10 instead"
+                      << std::endl;
+        return HotplugHandlerThread::Scheduling::BelowListener;
     }
+    // The handler thread inherits the real-time policy and gives it up.
+    return HotplugHandlerThread::Scheduling::Ordinary;
 }
 
 // At real-time priority the listener would otherwise take the CPU from the

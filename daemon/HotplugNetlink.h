@@ -31,7 +31,7 @@ public:
 private:
     void initSignals();
     void initNetlinkSocket();
-    void preemptOtherWork();
+    HotplugHandlerThread::Scheduling chooseScheduling();
     void letEventsGather() const;
     void readKernelEvent();
     void shutdown();

@@ -52,6 +52,8 @@ void HotplugHandlerThread::searchExistingDevices(const std::string& directory)
             throw RavoException("HotplugHandlerThread", "searchExistingDevices", "opendir", error);
         }
         for (;;) {
+            // A stop may end the scan between two entries.
+            acceptStop();
             errno = 0;
             const dirent* entry = readdir(entries.get());
             if (entry == nullptr) {

@@ -24,6 +24,22 @@ struct PatternEntry {
     const char* failureMessage;
 };
 
+// Lets a stop (a cancellation) take effect for the length of a scope; held
+// off again afterwards.
+class CancellationWindow {
+public:
+    CancellationWindow()
+    {
+        static_cast<void>(pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr));
+    }
+    ~CancellationWindow()
+    {
+        static_cast<void>(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr));
+    }
+    CancellationWindow(const CancellationWindow&) = delete;
+    CancellationWindow& operator=(const CancellationWindow&) = delete;
+};
+
 } // namespace
 
 HotplugHandlerThread::HotplugHandlerThread()
@@ -47,12 +63,24 @@ void HotplugHandlerThread::pushEvent(HotplugEvent* event)
     eventSemaphore.unlock();
 }
 
+// How this thread is stopped: the listener cancels it. The cancellation takes
+// effect only where nothing is half done: in the wait for events and between
+// two events or two scanned entries (acceptStop). Everywhere else it is held
+// off, because handling an event passes many cancellation points (the send of
+// a record to syslog, opening, reading and closing files, readdir): an unwind
+// from there would cut a record and leave it to be sent after the daemon's
+// last one, announce a link that was never made, or end in std::terminate when
+// it leaves a destructor. One event takes microseconds, so a stop still ends
+// the thread within a poll cycle; a mount that hangs holds the stop until it
+// returns.
+//
 // Cancellation unwinds with abi::__forced_unwind, which has no exception
 // object; the sanitizer's null-reference check mistakes the handler's binding
 // for a fault, so it is left out of this function only.
 __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
 {
-    yieldToListener();
+    static_cast<void>(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr));
+    applyScheduling();
     try {
         init();
         searchExistingDevices("/sys/dev/block");
@@ -62,6 +90,7 @@ __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
             waitForEvents();
             // One wake-up may stand for several pushes: drain the whole queue.
             while (!processNextEvent()) {
+                acceptStop();
             }
         }
     } catch (const RavoException& exception) {
@@ -75,49 +104,52 @@ __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
     }
 }
 
-// A burst leaves the heap as large as the backlog was (about 200 bytes per
-// queued event) and the allocator keeps most of it. Once the burst has been
-// quiet for a second the daemon hands it back, so that it returns to its idle
-// footprint; small trickles of events never pay for that.
+void HotplugHandlerThread::acceptStop()
+{
+    const CancellationWindow window;
+    pthread_testcancel();
+}
+
+// A burst leaves the heap as large as the backlog was and the allocator keeps
+// most of it. Once the burst has been quiet for a second the daemon hands it
+// back, so that it returns to its idle footprint; small trickles of events
+// never pay for that.
 void HotplugHandlerThread::waitForEvents()
 {
     constexpr uint32_t burstSize = 256;
     constexpr int32_t quietMs = 1000;
     if (handledSinceTrim >= burstSize) {
-        if (eventSemaphore.lock(quietMs)) {
-            return;
+        {
+            const CancellationWindow window;
+            if (eventSemaphore.lock(quietMs)) {
+                return;
+            }
         }
         static_cast<void>(malloc_trim(0));
         handledSinceTrim = 0;
     }
+    const CancellationWindow window;
     eventSemaphore.lock();
 }
 
-// The listener must empty the socket's small receive buffer (about 166 events)
-// whenever datagrams arrive, or the kernel drops events; this thread's work can
-// wait in the queue. This thread starts with the listener's scheduling. If the
-// listener got its real-time priority, this thread goes back to the ordinary
-// policy and the listener preempts it anyway. If not, a higher nice value for
-// this thread alone still lets the listener preempt it during a burst. Neither
-// change can be refused, so a failure would only cost speed: logged, not fatal.
-void HotplugHandlerThread::yieldToListener()
+// Neither change can be refused (both give up priority), so a failure would
+// only cost speed: logged, not fatal.
+void HotplugHandlerThread::applyScheduling()
 {
-    int policy = SCHED_OTHER;
-    sched_param parameters{};
-    if (pthread_getschedparam(pthread_self(), &policy, &parameters) == 0 && policy != SCHED_OTHER) {
-        parameters.sched_priority = 0;
+    if (scheduling == Scheduling::Ordinary) {
+        const sched_param parameters{};
         const int error = pthread_setschedparam(pthread_self(), SCHED_OTHER, &parameters);
         if (error != 0) {
             logger.warn() << "Unable to give the handler thread the ordinary policy: "
                           << std::strerror(error) << std::endl;
         }
-        return;
-    }
-    constexpr int handlerNice = 10;
-    if (setpriority(PRIO_PROCESS, 0, handlerNice) != 0) {
-        const int error = errno;
-        logger.warn() << "Unable to lower the handler thread's priority: " << std::strerror(error)
-                      << std::endl;
+    } else if (scheduling == Scheduling::BelowListener) {
+        constexpr int handlerNice = 10;
+        if (setpriority(PRIO_PROCESS, 0, handlerNice) != 0) {
+            const int error = errno;
+            logger.warn() << "Unable to lower the handler thread's priority: "
+                          << std::strerror(error) << std::endl;
+        }
     }
 }
 

@@ -21,6 +21,14 @@ class HotplugHandlerThread : public Halvern::CommonCpp::Osal::OsalThread {
 public:
     using EventPtr = std::unique_ptr<HotplugEvent>;
 
+    // What the thread makes of the scheduling it inherits from the listener,
+    // which decides it before the start.
+    enum class Scheduling {
+        AsInherited,  // the integrator chose the daemon's scheduling
+        Ordinary,     // back to the ordinary policy under a real-time listener
+        BelowListener // a higher nice value, as the listener could not be raised
+    };
+
     HotplugHandlerThread();
     ~HotplugHandlerThread() override;
     HotplugHandlerThread(const HotplugHandlerThread&) = delete;
@@ -28,11 +36,12 @@ public:
 
     // Listener's thread: the queue takes ownership.
     void pushEvent(HotplugEvent* event);
+    // Listener's thread, before start().
+    void setScheduling(Scheduling chosen) { scheduling = chosen; }
 
     // The operations below run on the handler thread. They are public so that
     // the start-up scan and the tests reach them the same way the queue does.
     void init();
-    void yieldToListener();
     bool processNextEvent();
     void dispatchEvent(const EventPtr& event);
     void cleanUp();
@@ -73,10 +82,13 @@ public:
     void run() override;
 
 private:
+    void applyScheduling();
     void waitForEvents();
+    static void acceptStop();
 
     std::deque<EventPtr> eventQueue; // owns the events it holds
     uint32_t handledSinceTrim = 0;   // events taken from the queue since memory went back
+    Scheduling scheduling = Scheduling::AsInherited;
     Halvern::CommonCpp::Osal::OsalBinaryMutex queueMutex;
     Halvern::CommonCpp::Osal::OsalBinarySemaphore eventSemaphore;
     std::list<std::string> supportedFileSystems;

@@ -1,6 +1,8 @@
 #include "daemon/HotplugNetlink.h"
 
 #include "common/exceptions/RavoException.h"
+#include "daemon/DatagramDrain.h"
+#include "daemon/UeventDecoder.h"
 
 #include <cerrno>
 #include <csignal>
@@ -62,8 +64,8 @@ void HotplugNetlink::run()
 }
 
 // Scheduling of both threads is decided here, before the handler thread
-// starts. The socket's receive buffer holds little more than a millisecond of
-// a burst at the kernel's pace, and enlarging it is not ours to do: the
+// starts. The socket's receive buffer holds only a moment of a burst at the
+// kernel's pace (docs/performance.md), and enlarging it is not ours to do: the
 // listener must run the moment datagrams arrive, whatever else competes for the
 // CPU (the handler, syslogd). The lowest real-time priority does that; the
 // listener only drains the socket into the queue, so it cannot starve anyone.
@@ -102,9 +104,9 @@ HotplugHandlerThread::Scheduling HotplugNetlink::chooseScheduling()
 // At real-time priority the listener would otherwise take the CPU from the
 // sender of a burst (the kernel's emitting thread) for every single datagram,
 // two context switches each. Pausing briefly after a read lets a burst gather
-// in the socket and go in one drain; the first event after a quiet spell is
-// still read at once. At the kernel's pace (about 100,000 events a second) a
-// pause gathers some 20 of the 166 datagrams the buffer holds.
+// in the socket and go in one drain, far fewer than the buffer holds; the
+// first event after a quiet spell is still read at once. docs/performance.md
+// has the figures with and without the pause.
 void HotplugNetlink::letEventsGather() const
 {
     constexpr long pauseNs = 200000;
@@ -131,6 +133,8 @@ void HotplugNetlink::initSignals()
     poller.registerDescriptor(signalFd, POLLIN, this);
 }
 
+// Its failures carry the method name "initSignals" on purpose: the listener's
+// whole set-up reports under that one name.
 void HotplugNetlink::initNetlinkSocket()
 {
     netlinkSocket = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
@@ -165,38 +169,18 @@ void HotplugNetlink::handleEvent(int fd, short revents)
 
 void HotplugNetlink::readKernelEvent()
 {
-    for (;;) {
-        char scratch = 0;
-        const ssize_t peeked =
-            recv(netlinkSocket, &scratch, 1, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
-        if (peeked == 0) {
-            // An empty datagram: consume it, or poll would report it forever.
-            static_cast<void>(recv(netlinkSocket, &scratch, 1, MSG_DONTWAIT));
-            continue;
-        }
-        if (peeked < 0) {
-            const int error = errno;
-            if (error == EAGAIN) {
-                return;
-            }
-            throw RavoException("HotplugNetlink", "readKernelEvent", "non-blocking recv", error);
-        }
-        const auto length = static_cast<uint32_t>(peeked);
-        if (receiveBuffer.size() <= length) {
-            receiveBuffer.resize(length + 1);
-            if (receiveBuffer.data() == nullptr) {
-                throw RavoException("HotplugNetlink", "readKernelEvent", "Out of memory");
-            }
-        }
-        const ssize_t received = recv(netlinkSocket, receiveBuffer.data(), length, 0);
-        if (received < 0) {
-            const int error = errno;
-            throw RavoException("HotplugNetlink", "readKernelEvent", "recv", error);
-        }
+    const auto decode = [this](char* datagram, size_t length) {
+        parseKernelEvent(datagram, length);
+    };
+    if (drainDatagrams(netlinkSocket, receiveBuffer, decode) > 0) {
         receivedSinceLastPoll = true;
-        char* text = reinterpret_cast<char*>(receiveBuffer.data());
-        text[received] = '\0';
-        parseKernelEvent(text, static_cast<size_t>(received));
+    }
+}
+
+void HotplugNetlink::parseKernelEvent(char* buffer, size_t length)
+{
+    if (auto event = decodeUevent(buffer, length)) {
+        handlerThread.pushEvent(event.release());
     }
 }
 

@@ -24,11 +24,9 @@ public:
 
     void handleEvent(int fd, short revents) override;
 
-    // Decodes one datagram of length N (a NUL is stored at buffer[N]) and queues
-    // an event for the handler thread if it concerns a handled device.
-    void parseKernelEvent(char* buffer, size_t length);
-
 private:
+    // Queues the event one datagram stands for, if any, for the handler thread.
+    void parseKernelEvent(char* buffer, size_t length);
     void initSignals();
     void initNetlinkSocket();
     HotplugHandlerThread::Scheduling chooseScheduling();
@@ -44,6 +42,4 @@ private:
     Common::Polling::Poller poller;
     HotplugHandlerThread handlerThread;
     Common::Logging::Logger logger;
-
-    friend class HotplugNetlinkTestAccess;
 };

@@ -1,15 +1,14 @@
 // The logger's stream buffer under random writes, flushes, line ends, name
-// changes and line lengths, destroyed with text pending. syslog() is replaced
-// here, so every record is checked against a plain-string model of the
-// buffer: nothing lost, nothing doubled, long lines cut after 257 characters.
+// changes and line lengths, destroyed with text pending. syslog() is the
+// tests' captured one, so every record is checked against a plain-string model
+// of the buffer: nothing lost, nothing doubled, long lines cut after 257
+// characters.
 #include "common/logging/LoggerOutStreamBuffer.h"
-#include "sandbox/DevLogSink.h"
+#include "tests/support/CapturedSyslog.h"
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <ostream>
 #include <string>
 #include <syslog.h>
@@ -25,19 +24,6 @@ struct Record {
         return priority == other.priority && text == other.text;
     }
 };
-
-std::vector<Record> sent;
-
-__attribute__((format(printf, 2, 0))) void capture(int priority, const char* format,
-                                                   va_list arguments)
-{
-    char text[1024];
-    const int length = std::vsnprintf(text, sizeof(text), format, arguments);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof(text)) {
-        __builtin_trap(); // no record of a 257-character line comes near this
-    }
-    sent.push_back({priority, text});
-}
 
 // What the buffer must send, kept as plain strings.
 class Model {
@@ -91,29 +77,6 @@ private:
 
 } // namespace
 
-extern "C" void syslog(int priority, const char* format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    capture(priority, format, arguments);
-    va_end(arguments);
-}
-
-extern "C" void __syslog_chk(int priority, int, const char* format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    capture(priority, format, arguments);
-    va_end(arguments);
-}
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    // Nothing should reach /dev/log with syslog() replaced; if it did, not the host's.
-    Sandbox::DevLogSink::enter();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1) {
@@ -129,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                   {LOG_CRIT, "Fatal"}};
     const auto& level = levels[data[0] % 5];
     Model model(level.level, level.tag);
-    sent.clear();
+    TestSupport::CapturedSyslog::take();
     {
         Common::Logging::LoggerOutStreamBuffer buffer(level.level, "Fuzz");
         std::ostream out(&buffer);
@@ -179,6 +142,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
     }
     model.close();
+    std::vector<Record> sent;
+    for (const auto& record : TestSupport::CapturedSyslog::take()) {
+        sent.push_back({record.priority, record.text});
+    }
     if (!(sent == model.expected)) {
         __builtin_trap();
     }

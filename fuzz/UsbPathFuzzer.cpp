@@ -1,40 +1,35 @@
-// Hub-and-port parsing of USB device paths, and of serial adapter paths cut at
-// "/ttyUSB" down to their ":configuration.interface" directory, on arbitrary
-// text. Only parses: no link is made.
-#include "common/file/FileUtil.h"
-#include "handler/HotplugHandlerThread.h"
-#include "sandbox/DevLogSink.h"
+// The hub-and-port grammar of USB device and interface names on arbitrary
+// text: the cursor never leaves the text, a refusal always has a reason, and
+// an accepted name reads back as the numbers it was parsed into.
+#include "handler/UsbPortName.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    Sandbox::DevLogSink::enter();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static HotplugHandlerThread thread;
-    // Exactly the input's bytes, NULs included, with no terminator of its own
-    // beyond the one std::string keeps.
+    // Exactly the input's bytes, NULs included; the parser stops at the first.
     const std::string text(reinterpret_cast<const char*>(data), size);
-    const std::string component = FileUtil::getFileName(text);
-    uint32_t hub = 0;
-    uint32_t port = 0;
-    const char* end = nullptr;
-    if (thread.parseHubAndPort(component.c_str(), hub, port, &end) &&
-        (end < component.c_str() || end > component.c_str() + component.size())) {
+    const char* const begin = text.c_str();
+    const HubAndPort parsed = parseHubAndPortName(begin);
+    if (parsed.end < begin || parsed.end > begin + text.size()) {
         __builtin_trap(); // the cursor left the text
     }
-
-    std::string devPath = text;
-    uint32_t uart = 0;
-    if (thread.parseTtyDevPath(devPath, hub, port, uart) &&
-        text.find("/ttyUSB") != devPath.size()) {
-        __builtin_trap(); // not cut where the serial device's own directories start
+    if (parsed.refusal != nullptr) {
+        return 0;
+    }
+    // Short enough not to wrap and without zeros (no leading ones), an
+    // accepted name begins with its hub and ends with its port.
+    const std::string name(begin, parsed.end);
+    if (name.size() <= 11 && name.find('0') == std::string::npos &&
+        (name.rfind(std::to_string(parsed.hub) + "-", 0) != 0 ||
+         name.substr(name.rfind('.') + 1) != std::to_string(parsed.port))) {
+        __builtin_trap();
+    }
+    if (*parsed.end == ':') {
+        uint32_t interfaceNumber = 0;
+        static_cast<void>(parseInterfaceSuffix(parsed.end + 1, interfaceNumber));
     }
     return 0;
 }

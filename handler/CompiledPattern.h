@@ -18,7 +18,6 @@ public:
     bool matches(const std::string& text) const { return matches(text.c_str()); }
     // Safe to repeat.
     void release();
-    bool isCompiled() const { return compiled; }
 
 private:
     regex_t expression;

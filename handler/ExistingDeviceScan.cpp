@@ -9,6 +9,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,23 +18,10 @@ using Common::Exceptions::RavoException;
 
 namespace {
 
-// Owner of one directory stream.
-class DirectoryStream {
-public:
-    explicit DirectoryStream(DIR* opened) : stream(opened) {}
-    ~DirectoryStream()
-    {
-        if (stream != nullptr) {
-            closedir(stream);
-        }
-    }
-    DirectoryStream(const DirectoryStream&) = delete;
-    DirectoryStream& operator=(const DirectoryStream&) = delete;
-    DIR* get() const { return stream; }
-
-private:
-    DIR* stream;
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
 };
+using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
 
 // Sysfs links are relative: "../../devices/...". Dropping the leading "../.."
 // leaves a path of the shape of a uevent's DEVPATH.
@@ -45,19 +33,23 @@ constexpr uint32_t linkBufferGrowth = 128;
 
 void HotplugHandlerThread::searchExistingDevices(const std::string& directory)
 {
+    const DirectoryStream entries(opendir(directory.c_str()));
+    if (!entries) {
+        reportFailure("searchExistingDevices", "opendir", errno);
+        return;
+    }
     try {
-        DirectoryStream entries(opendir(directory.c_str()));
-        if (entries.get() == nullptr) {
-            const int error = errno;
-            throw RavoException("HotplugHandlerThread", "searchExistingDevices", "opendir", error);
-        }
         for (;;) {
             // A stop may end the scan between two entries.
             acceptStop();
             errno = 0;
             const dirent* entry = readdir(entries.get());
             if (entry == nullptr) {
-                break;
+                // readdir reports its own failure only through errno.
+                if (errno != 0) {
+                    reportFailure("searchExistingDevices", "readdir", errno);
+                }
+                return;
             }
             if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
                 continue;
@@ -75,12 +67,8 @@ void HotplugHandlerThread::searchExistingDevices(const std::string& directory)
                 handleSysfsLink(entryPath);
             }
         }
-        // readdir reports its own failure only through errno.
-        const int error = errno;
-        if (error != 0) {
-            throw RavoException("HotplugHandlerThread", "searchExistingDevices", "readdir", error);
-        }
     } catch (const RavoException& exception) {
+        // No room for a link's target: the rest of the directory is skipped.
         logger.error() << exception << std::endl;
     }
 }

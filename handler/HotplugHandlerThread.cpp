@@ -165,43 +165,41 @@ void HotplugHandlerThread::init()
         {&HotplugHandlerThread::usbEthernetRegex, "^.*/usb[0-9]+/.*/1-[0-9]+\\.6/.*/net/eth[0-9]+$",
          "Error compile the regular expression for the USB ethernet device: "},
     };
-    try {
-        for (const auto& entry : patterns) {
-            const int result =
-                (this->*entry.field).compile(entry.pattern, REG_EXTENDED | REG_NOSUB);
-            if (result != 0) {
-                logger.error() << entry.failureMessage << result << std::endl;
-            }
+    for (const auto& entry : patterns) {
+        const int result = (this->*entry.field).compile(entry.pattern, REG_EXTENDED | REG_NOSUB);
+        if (result != 0) {
+            logger.error() << entry.failureMessage << result << std::endl;
         }
-
-        std::ifstream filesystems("/proc/filesystems");
-        if (!filesystems.is_open()) {
-            throw RavoException("HotplugHandlerThread", "init", "Error opening /proc/filesystems");
-        }
-        std::ostream& record = logger.debug();
-        record << "Mount supports the following filesystem types: ";
-        bool skipNext = false;
-        std::string word;
-        while (filesystems >> word) {
-            if (skipNext) {
-                // The name after "nodev" is a file system without a device.
-                skipNext = false;
-            } else if (word == "nodev") {
-                skipNext = true;
-            } else {
-                record << word << " ";
-                if (word == "vfat") {
-                    supportedFileSystems.push_front(word);
-                } else {
-                    supportedFileSystems.push_back(word);
-                }
-            }
-        }
-        record << std::endl;
-    } catch (const RavoException& exception) {
-        logger.error() << exception << std::endl;
-        supportedFileSystems.insert(supportedFileSystems.end(), {"vfat", "ext4", "ext3", "ext2"});
     }
+
+    std::ifstream filesystems("/proc/filesystems");
+    if (!filesystems.is_open()) {
+        logger.error() << RavoException("HotplugHandlerThread", "init",
+                                        "Error opening /proc/filesystems")
+                       << std::endl;
+        supportedFileSystems.insert(supportedFileSystems.end(), {"vfat", "ext4", "ext3", "ext2"});
+        return;
+    }
+    std::ostream& record = logger.debug();
+    record << "Mount supports the following filesystem types: ";
+    bool skipNext = false;
+    std::string word;
+    while (filesystems >> word) {
+        if (skipNext) {
+            // The name after "nodev" is a file system without a device.
+            skipNext = false;
+        } else if (word == "nodev") {
+            skipNext = true;
+        } else {
+            record << word << " ";
+            if (word == "vfat") {
+                supportedFileSystems.push_front(word);
+            } else {
+                supportedFileSystems.push_back(word);
+            }
+        }
+    }
+    record << std::endl;
 }
 
 bool HotplugHandlerThread::processNextEvent()
@@ -245,6 +243,11 @@ void HotplugHandlerThread::dispatchEvent(const EventPtr& event)
         logger.info() << "Event of an unsupported device type - skip it" << std::endl;
         break;
     }
+}
+
+void HotplugHandlerThread::reportFailure(const char* method, const char* call, int error)
+{
+    logger.error() << RavoException("HotplugHandlerThread", method, call, error) << std::endl;
 }
 
 void HotplugHandlerThread::cleanUp()

@@ -39,8 +39,10 @@ public:
     // Listener's thread, before start().
     void setScheduling(Scheduling chosen) { scheduling = chosen; }
 
-    // The operations below run on the handler thread. They are public so that
-    // the start-up scan and the tests reach them the same way the queue does.
+    // The thread body: init, the start-up scan, then the event loop.
+    void run() override;
+
+    // The operations below run on the handler thread.
     void init();
     bool processNextEvent();
     void dispatchEvent(const EventPtr& event);
@@ -64,27 +66,18 @@ public:
     // USB devices and USB serial adapters.
     void handleUsbDeviceEvent(const HotplugEvent& event);
     void handleUsbTtyEvent(HotplugEvent& event);
-    // Cuts a serial adapter's device path at "/ttyUSB", leaving the interface
-    // directory last, and parses that; logs why and returns false when it does not fit.
-    bool parseTtyDevPath(std::string& devPath, uint32_t& hub, uint32_t& port, uint32_t& uartNumber);
-    // Hub, port and UART number from a serial interface's directory name
-    // ("1-1.3:1.0"); logs why and returns false when it does not parse.
-    bool parseTtyInterface(const std::string& component, const std::string& devPath, uint32_t& hub,
-                           uint32_t& port, uint32_t& uartNumber);
 
     // USB Ethernet adapter on the cascading port.
     void handleEthernetEvent(const HotplugEvent& event);
     void handleCascadingInfoFile(HotplugAction action, const std::string& interfaceName);
 
-    const std::list<std::string>& getSupportedFileSystems() const { return supportedFileSystems; }
-
-    // The thread body: init, the start-up scan, then the event loop.
-    void run() override;
-
 private:
     void applyScheduling();
     void waitForEvents();
     static void acceptStop();
+    // The one way the handlers report a failed system call: one Error record
+    // with the exception's text; the handler then returns.
+    void reportFailure(const char* method, const char* call, int error);
 
     std::deque<EventPtr> eventQueue; // owns the events it holds
     uint32_t handledSinceTrim = 0;   // events taken from the queue since memory went back
@@ -97,6 +90,4 @@ private:
     CompiledPattern discPartitionRegex;
     CompiledPattern usbEthernetRegex;
     Common::Logging::Logger logger;
-
-    friend class HotplugHandlerThreadTestAccess;
 };

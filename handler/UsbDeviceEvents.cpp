@@ -3,15 +3,7 @@
 #include "handler/HotplugHandlerThread.h"
 
 #include "common/file/FileUtil.h"
-
-namespace {
-
-bool isDigit(char c)
-{
-    return c >= '0' && c <= '9';
-}
-
-} // namespace
+#include "handler/UsbPortName.h"
 
 void HotplugHandlerThread::handleUsbDeviceEvent(const HotplugEvent& event)
 {
@@ -40,11 +32,34 @@ void HotplugHandlerThread::handleUsbDeviceEvent(const HotplugEvent& event)
 
 void HotplugHandlerThread::handleUsbTtyEvent(HotplugEvent& event)
 {
+    std::string& devPath = event.devPath;
+    const auto ttyStart = devPath.find("/ttyUSB");
+    if (ttyStart == std::string::npos) {
+        logger.warn() << "tty: Unexpected device path: " << devPath << std::endl;
+        return;
+    }
+    // What is left ends in the interface directory, e.g. .../1-1.3/1-1.3:1.0.
+    devPath.erase(ttyStart);
+    const std::string component = FileUtil::getFileName(devPath);
     uint32_t hub = 0;
     uint32_t port = 0;
-    uint32_t uartNumber = 0;
-    if (!parseTtyDevPath(event.devPath, hub, port, uartNumber)) {
+    const char* suffix = nullptr;
+    if (!parseHubAndPort(component.c_str(), hub, port, &suffix) || *suffix != ':') {
+        logger.debug() << "tty: Parsing error with DEVPATH = " << devPath << std::endl;
         return;
+    }
+    uint32_t uartNumber = 0;
+    switch (parseInterfaceSuffix(suffix + 1, uartNumber)) {
+    case InterfaceSuffixRefusal::ConfigurationNumber:
+        logger.debug() << "tty: Parsing the 4th number failed (string = " << component
+                       << " DEVPATH = " << devPath << ")" << std::endl;
+        return;
+    case InterfaceSuffixRefusal::InterfaceNumber:
+        logger.debug() << "tty: Parsing the UART number failed (string = " << component
+                       << " DEVPATH = " << devPath << ")" << std::endl;
+        return;
+    case InterfaceSuffixRefusal::None:
+        break;
     }
     if (event.action == HotplugAction::Add) {
         logger.debug() << "New USB TTY device found at hub " << hub << " port " << port
@@ -56,59 +71,4 @@ void HotplugHandlerThread::handleUsbTtyEvent(HotplugEvent& event)
                        << std::endl;
     }
     handleLink(event.action, true, hub, port, static_cast<int32_t>(uartNumber), event.deviceName);
-}
-
-bool HotplugHandlerThread::parseTtyDevPath(std::string& devPath, uint32_t& hub, uint32_t& port,
-                                           uint32_t& uartNumber)
-{
-    const auto ttyStart = devPath.find("/ttyUSB");
-    if (ttyStart == std::string::npos) {
-        logger.warn() << "tty: Unexpected device path: " << devPath << std::endl;
-        return false;
-    }
-    // What is left ends in the interface directory, e.g. .../1-1.3/1-1.3:1.0.
-    devPath.erase(ttyStart);
-    return parseTtyInterface(FileUtil::getFileName(devPath), devPath, hub, port, uartNumber);
-}
-
-bool HotplugHandlerThread::parseTtyInterface(const std::string& component,
-                                             const std::string& devPath, uint32_t& hub,
-                                             uint32_t& port, uint32_t& uartNumber)
-{
-    const char* cursor = nullptr;
-    if (!parseHubAndPort(component.c_str(), hub, port, &cursor) || *cursor != ':') {
-        logger.debug() << "tty: Parsing error with DEVPATH = " << devPath << std::endl;
-        return false;
-    }
-    // ":" configuration "." interface: the configuration number is not kept.
-    ++cursor;
-    if (!isDigit(*cursor)) {
-        cursor = nullptr;
-    } else {
-        while (isDigit(*cursor)) {
-            ++cursor;
-        }
-        if (*cursor != '.') {
-            cursor = nullptr;
-        }
-    }
-    if (cursor == nullptr) {
-        logger.debug() << "tty: Parsing the 4th number failed (string = " << component
-                       << " DEVPATH = " << devPath << ")" << std::endl;
-        return false;
-    }
-    ++cursor;
-    uartNumber = 0;
-    bool uartValid = isDigit(*cursor);
-    while (isDigit(*cursor)) {
-        uartNumber = uartNumber * 10U + static_cast<uint32_t>(*cursor - '0');
-        ++cursor;
-    }
-    uartValid = uartValid && *cursor == '\0';
-    if (!uartValid) {
-        logger.debug() << "tty: Parsing the UART number failed (string = " << component
-                       << " DEVPATH = " << devPath << ")" << std::endl;
-        return false;
-    }
-    return true;
 }

@@ -29,7 +29,8 @@ void BinaryFile::openFile(int flags, mode_t mode)
     }
     descriptor = open(path.c_str(), flags, mode);
     if (descriptor == -1) {
-        throw RavoException("BinaryFile", "openFile", "open", errno);
+        const int error = errno;
+        throw RavoException("BinaryFile", "openFile", "open", error);
     }
 }
 
@@ -46,7 +47,8 @@ int64_t BinaryFile::getFileSize()
 {
     struct stat status {};
     if (fstat(descriptor, &status) == -1) {
-        throw RavoException("BinaryFile", "getFileSize", "fstat", errno);
+        const int error = errno;
+        throw RavoException("BinaryFile", "getFileSize", "fstat", error);
     }
     if (status.st_size < 0) {
         throw RavoException("BinaryFile", "getFileSize", "Negative file size");
@@ -58,7 +60,9 @@ int64_t BinaryFile::setFileOffset(int64_t offset)
 {
     const off_t result = lseek(descriptor, offset, SEEK_SET);
     if (result == -1) {
-        throw RavoException("BinaryFile", "setFileOffset", "lssek", errno);
+        const int error = errno;
+        // "lssek" is the call name the record has always carried; kept on purpose.
+        throw RavoException("BinaryFile", "setFileOffset", "lssek", error);
     }
     return result;
 }
@@ -102,7 +106,8 @@ uint32_t BinaryFile::readData(uint8_t* buffer, uint32_t length)
 void BinaryFile::syncFile()
 {
     if (fsync(descriptor) == -1) {
-        throw RavoException("BinaryFile", "syncFile", "fsync", errno);
+        const int error = errno;
+        throw RavoException("BinaryFile", "syncFile", "fsync", error);
     }
     FileUtil::syncDirectory(FileUtil::getDirectoryName(path));
 }

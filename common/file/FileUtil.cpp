@@ -35,7 +35,8 @@ void FileUtil::createTmpFile(std::string& path)
     // mkstemp() fills in the X characters of the string's own buffer.
     const int fd = mkstemp(path.data());
     if (fd == -1) {
-        throw RavoException("FileUtil", "createTmpFile", "mkstemp", errno);
+        const int error = errno;
+        throw RavoException("FileUtil", "createTmpFile", "mkstemp", error);
     }
     // Only the name is wanted; nothing was written, so nothing can be lost here.
     close(fd);
@@ -69,14 +70,17 @@ void FileUtil::syncDirectory(const std::string& directory)
 {
     const DirectoryStream stream(opendir(directory.c_str()));
     if (!stream) {
-        throw RavoException("FileUtil", "syncDirectory", "opendir", errno);
+        const int error = errno;
+        throw RavoException("FileUtil", "syncDirectory", "opendir", error);
     }
     const int fd = dirfd(stream.get());
     if (fd == -1) {
-        throw RavoException("FileUtil", "syncDirectory", "dirfd", errno);
+        const int error = errno;
+        throw RavoException("FileUtil", "syncDirectory", "dirfd", error);
     }
     if (fsync(fd) == -1) {
-        throw RavoException("FileUtil", "syncDirectory", "fsync", errno);
+        const int error = errno;
+        throw RavoException("FileUtil", "syncDirectory", "fsync", error);
     }
 }
 

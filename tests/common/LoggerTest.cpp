@@ -1,53 +1,25 @@
+// Lines cut after 257 characters; text sent on flush, overflow or destruction
+// and nothing twice; a stream still usable after its thread was cancelled
+// inside syslog().
 #include "common/logging/Logger.h"
-#include "tests/common/CommonTestHelpers.h"
+#include "tests/support/CapturedSyslog.h"
 
-#include <syslog.h>
+#include <gtest/gtest.h>
+
+#include <pthread.h>
 
 using Common::Logging::Logger;
+using TestSupport::CapturedSyslog;
 using Texts = std::vector<std::string>;
 
 namespace {
 
-using LoggerTest = SyslogTest;
-
-// The identity is process-wide and taken once, so its whole story is one test.
-TEST_F(LoggerTest, RecordsCarryTagPriorityNameAndTheFirstNonEmptyIdentity)
+TEST(Logger, LinesBecomeRecordsOnFlushOrOverflowAndPendingTextOnDestruction)
 {
-    const struct {
-        std::ostream& (Logger::*stream)();
-        int level;
-        std::string tag;
-    } levels[] = {{&Logger::debug, LOG_DEBUG, "Debug"},
-                  {&Logger::info, LOG_INFO, "Info "},
-                  {&Logger::warn, LOG_WARNING, "Warn "},
-                  {&Logger::error, LOG_ERR, "Error"},
-                  {&Logger::fatal, LOG_CRIT, "Fatal"}};
-    const struct {
-        int facility;
-        std::string name, identity, expectedIdentity;
-    } settings[] = {{LOG_USER, "X", "", ""},
-                    {LOG_LOCAL0, "Renamed", "first", "first"},
-                    {LOG_USER, "X", "second", "first"},
-                    {LOG_USER, "X", "", "first"}};
-    Logger logger("X");
-    for (const auto& setting : settings) {
-        logger.setFacility(setting.facility);
-        logger.setName(setting.name);
-        Logger::openSyslog(setting.identity);
-        for (const auto& row : levels) {
-            (logger.*row.stream)() << "abc" << std::endl;
-            const auto records = sent();
-            ASSERT_EQ(records.size(), 1u) << row.tag;
-            EXPECT_EQ(records[0].priority, setting.facility | row.level) << row.tag;
-            EXPECT_EQ(records[0].identity, setting.expectedIdentity) << setting.identity;
-            EXPECT_EQ(records[0].text, "[" + row.tag + "] " + setting.name + ": abc");
-        }
+    std::string p; // letters that change with the position, so a misplaced piece shows
+    for (size_t i = 0; i < 300; ++i) {
+        p += static_cast<char>('a' + i % 26);
     }
-}
-
-TEST_F(LoggerTest, LinesBecomeRecordsOnFlushOrOverflowAndPendingTextOnDestruction)
-{
-    const std::string p = pattern(300);
     const struct {
         std::string written;
         bool flush;
@@ -56,17 +28,16 @@ TEST_F(LoggerTest, LinesBecomeRecordsOnFlushOrOverflowAndPendingTextOnDestructio
         {"100% %s%n\n\nb\n", true, {"100% %s%n", "", "b"}, {}}, // the text is never a format
         {"abc\n", false, {}, {"abc"}},
         {"0123456789\n" + p + "\n", true, {"0123456789", p.substr(0, 257), p.substr(257)}, {}},
-        {pattern(256) + "\n", true, {pattern(256)}, {}},
-        {pattern(256), true, {pattern(256)}, {}},
-        {pattern(255), true, {}, {pattern(255)}},
+        {p.substr(0, 256) + "\n", true, {p.substr(0, 256)}, {}},
+        {p.substr(0, 256), true, {p.substr(0, 256)}, {}},
+        {p.substr(0, 255), true, {}, {p.substr(0, 255)}},
     };
-    const auto sentTexts = [] {
-        Texts texts;
-        for (const auto& record : sent()) {
-            const bool prefixed = record.text.rfind("[Warn ] X: ", 0) == 0;
-            texts.push_back(prefixed ? record.text.substr(11) : "unprefixed: " + record.text);
+    const auto withTag = [](const Texts& texts) {
+        Texts tagged;
+        for (const auto& text : texts) {
+            tagged.push_back("[Warn ] X: " + text);
         }
-        return texts;
+        return tagged;
     };
     for (const auto& row : rows) {
         {
@@ -75,10 +46,27 @@ TEST_F(LoggerTest, LinesBecomeRecordsOnFlushOrOverflowAndPendingTextOnDestructio
             if (row.flush) {
                 logger.warn().flush();
             }
-            EXPECT_EQ(sentTexts(), row.sentAtOnce) << row.written;
+            EXPECT_EQ(CapturedSyslog::takeTexts(), withTag(row.sentAtOnce)) << row.written;
         }
-        EXPECT_EQ(sentTexts(), row.sentOnDestruction) << row.written;
+        EXPECT_EQ(CapturedSyslog::takeTexts(), withTag(row.sentOnDestruction)) << row.written;
     }
+}
+
+TEST(Logger, AStreamCancelledInsideSyslogDropsItsTextAndStaysUsable)
+{
+    {
+        Logger logger("X");
+        pthread_t thread;
+        const auto body = [](void* argument) -> void* {
+            pthread_cancel(pthread_self()); // acted on inside syslog()
+            static_cast<Logger*>(argument)->warn() << "a\nb" << std::endl;
+            return nullptr;
+        };
+        ASSERT_EQ(pthread_create(&thread, nullptr, body, &logger), 0);
+        ASSERT_EQ(pthread_join(thread, nullptr), 0);
+        logger.warn() << "after" << std::endl;
+    }
+    EXPECT_EQ(CapturedSyslog::takeTexts(), Texts{"[Warn ] X: after"});
 }
 
 } // namespace

@@ -1,260 +1,102 @@
-// The decoder's accept/drop table: each row is one datagram as the kernel
-// would send it and the record it must (or must not) become.
-#include "daemon/HotplugNetlink.h"
-#include "tests/support/HotplugTestAccess.h"
+// The decoder's accept/drop table, one datagram per row as the kernel would
+// send it ("|" stands for the NUL that ends each string), and the reading of
+// a socket dry, whatever the datagrams' lengths.
+#include "daemon/UeventDecoder.h"
+#include "common/exceptions/RavoException.h"
+#include "daemon/DatagramDrain.h"
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include <algorithm>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
-std::string datagram(const std::vector<std::string>& strings)
+// "Add UsbTty ttyUSB0 /p", or "dropped".
+std::string decode(std::string text, bool lastNul = true)
 {
-    std::string bytes;
-    for (const auto& text : strings) {
-        bytes += text;
-        bytes.push_back('\0');
+    std::replace(text.begin(), text.end(), '|', '\0');
+    if (!lastNul) {
+        text.pop_back();
     }
-    return bytes;
-}
-
-struct Decoded {
-    bool queued;
-    HotplugAction action;
-    HotplugDeviceType type;
-    std::string name;
-    std::string devPath;
-};
-
-Decoded decode(std::string bytes, bool dropLastNul = false)
-{
-    if (dropLastNul && !bytes.empty()) {
-        bytes.pop_back();
-    }
-    HotplugNetlink listener;
-    std::vector<char> buffer(bytes.begin(), bytes.end());
+    std::vector<char> buffer(text.begin(), text.end());
     buffer.push_back('\0'); // the listener stores a NUL behind every datagram
-    listener.parseKernelEvent(buffer.data(), bytes.size());
-    auto events = HotplugHandlerThreadTestAccess::takeQueued(
-        HotplugNetlinkTestAccess::handlerThread(listener));
-    if (events.empty()) {
-        return {false, HotplugAction::None, HotplugDeviceType::None, "", ""};
+    const auto event = decodeUevent(buffer.data(), text.size());
+    if (!event) {
+        return "dropped";
     }
-    EXPECT_EQ(events.size(), 1U);
-    const auto& event = *events.front();
-    return {true, event.action, event.deviceType, event.deviceName, event.devPath};
+    static const char* const actions[] = {"Add", "Remove", "None"};
+    static const char* const types[] = {"UsbDevice", "UsbTty", "DiscPartition", "UsbEthernet",
+                                        "None"};
+    return std::string(actions[static_cast<int>(event->action)]) + " " +
+           types[static_cast<int>(event->deviceType)] + " " + event->deviceName + " " +
+           event->devPath;
 }
-
-const std::string stickPath = "/devices/pci0000:00/usb1/1-1/1-1.2/1-1.2:1.0/host0/block/sda";
-
-struct Row {
-    const char* what;
-    std::vector<std::string> strings;
-    bool queued;
-    HotplugAction action;
-    HotplugDeviceType type;
-    std::string name;
-};
-
-const Row rows[] = {
-    {"partition add",
-     {"add@" + stickPath + "/sda1", "ACTION=add", "DEVPATH=" + stickPath + "/sda1",
-      "SUBSYSTEM=block", "DEVNAME=sda1", "DEVTYPE=partition", "SEQNUM=1234"},
-     true,
-     HotplugAction::Add,
-     HotplugDeviceType::DiscPartition,
-     "sda1"},
-    {"partition remove",
-     {"ACTION=remove", "DEVPATH=/p", "SUBSYSTEM=block", "DEVNAME=sdb2", "DEVTYPE=partition"},
-     true,
-     HotplugAction::Remove,
-     HotplugDeviceType::DiscPartition,
-     "sdb2"},
-    {"whole disc",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=block", "DEVNAME=sda", "DEVTYPE=disk"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"usb interface",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=usb", "DEVNAME=bus/usb/001/004",
-      "DEVTYPE=usb_interface"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"usb device",
-     {"ACTION=add", "DEVPATH=/p/1-1.3", "SUBSYSTEM=usb", "DEVNAME=bus/usb/001/004",
-      "DEVTYPE=usb_device"},
-     true,
-     HotplugAction::Add,
-     HotplugDeviceType::UsbDevice,
-     "bus/usb/001/004"},
-    {"usb without devtype",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=usb", "DEVNAME=bus/usb/001/004"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"ttyUSB",
-     {"ACTION=add", "DEVPATH=/p/ttyUSB0/tty/ttyUSB0", "SUBSYSTEM=tty", "DEVNAME=ttyUSB0"},
-     true,
-     HotplugAction::Add,
-     HotplugDeviceType::UsbTty,
-     "ttyUSB0"},
-    {"other tty",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=tty", "DEVNAME=ttyS0"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"eth by INTERFACE",
-     {"ACTION=add", "DEVPATH=/p/net/eth1", "SUBSYSTEM=net", "INTERFACE=eth1"},
-     true,
-     HotplugAction::Add,
-     HotplugDeviceType::UsbEthernet,
-     "eth1"},
-    {"wlan",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=net", "INTERFACE=wlan0"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"change",
-     {"ACTION=change", "DEVPATH=/p", "SUBSYSTEM=tty", "DEVNAME=ttyUSB0"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"bind",
-     {"ACTION=bind", "DEVPATH=/p", "SUBSYSTEM=usb", "DEVNAME=x", "DEVTYPE=usb_device"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"no DEVPATH",
-     {"ACTION=add", "SUBSYSTEM=tty", "DEVNAME=ttyUSB0"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"no SUBSYSTEM",
-     {"ACTION=add", "DEVPATH=/p", "DEVNAME=ttyUSB0"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"no ACTION",
-     {"DEVPATH=/p", "SUBSYSTEM=tty", "DEVNAME=ttyUSB0"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"no name",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=tty"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"value with =",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=tty", "DEVNAME=ttyUSB0=b"},
-     true,
-     HotplugAction::Add,
-     HotplugDeviceType::UsbTty,
-     "ttyUSB0=b"},
-    {"DEVNAME then INTERFACE",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=net", "DEVNAME=x", "INTERFACE=eth2"},
-     true,
-     HotplugAction::Add,
-     HotplugDeviceType::UsbEthernet,
-     "eth2"},
-    {"INTERFACE then DEVNAME",
-     {"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=net", "INTERFACE=eth2", "DEVNAME=wlan0"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-    {"repeated key overwrites",
-     {"ACTION=remove", "DEVPATH=/p", "SUBSYSTEM=tty", "DEVNAME=ttyUSB0", "ACTION=add"},
-     true,
-     HotplugAction::Add,
-     HotplugDeviceType::UsbTty,
-     "ttyUSB0"},
-    {"keys are case-sensitive",
-     {"action=add", "DEVPATH=/p", "SUBSYSTEM=tty", "DEVNAME=ttyUSB0"},
-     false,
-     HotplugAction::None,
-     HotplugDeviceType::None,
-     ""},
-};
 
 TEST(UeventDecoder, AcceptsAndDropsAsTheTableSays)
 {
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        const auto decoded = decode(datagram(row.strings));
-        EXPECT_EQ(decoded.queued, row.queued);
-        if (row.queued) {
-            EXPECT_EQ(decoded.action, row.action);
-            EXPECT_EQ(decoded.type, row.type);
-            EXPECT_EQ(decoded.name, row.name);
-        }
-    }
-}
-
-TEST(UeventDecoder, KeepsTheWholeDevpath)
-{
-    const auto decoded = decode(datagram({"ACTION=add", "DEVPATH=" + stickPath + "/sda1",
-                                          "SUBSYSTEM=block", "DEVNAME=sda1", "DEVTYPE=partition"}));
-    EXPECT_EQ(decoded.devPath, stickPath + "/sda1");
-}
-
-TEST(UeventDecoder, LastStringWithoutItsOwnNulEndsAtTheBuffer)
-{
-    const auto decoded =
-        decode(datagram({"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=tty", "DEVNAME=ttyUSB7"}), true);
-    ASSERT_TRUE(decoded.queued);
-    EXPECT_EQ(decoded.name, "ttyUSB7");
-}
-
-TEST(UeventDecoder, EqualsSignAtTheLastByteIsNoSeparator)
-{
-    // "DEVNAME=" as the buffer's last bytes: no separator, so no name, no record.
-    const auto decoded =
-        decode(datagram({"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=tty", "DEVNAME="}), true);
-    EXPECT_FALSE(decoded.queued);
-}
-
-TEST(UeventDecoder, GarbageIsDroppedWithoutHarm)
-{
-    const std::vector<std::string> garbage = {
-        std::string(), std::string("\0\0\0", 3), "no separators at all",
-        "====",        std::string(70000, 'A'),  std::string("\xff\xfe=\x01\0=\0ACTION\0", 14),
+    const struct {
+        const char* datagram;
+        const char* decoded;
+    } rows[] = {
+        // clang-format off
+        {"add@/p/sda1|ACTION=add|DEVPATH=/p/sda1|SUBSYSTEM=block|DEVNAME=sda1|DEVTYPE=partition|SEQNUM=1|", "Add DiscPartition sda1 /p/sda1"},
+        {"ACTION=remove|DEVPATH=/p|SUBSYSTEM=block|DEVNAME=sdb2|DEVTYPE=partition|", "Remove DiscPartition sdb2 /p"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=block|DEVNAME=sda|DEVTYPE=disk|", "dropped"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=usb|DEVNAME=bus/usb/001/004|DEVTYPE=usb_interface|", "dropped"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=usb|DEVNAME=bus/usb/001/004|DEVTYPE=usb_device|", "Add UsbDevice bus/usb/001/004 /p"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=usb|DEVNAME=bus/usb/001/004|", "dropped"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyUSB0|", "Add UsbTty ttyUSB0 /p"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyS0|", "dropped"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=net|INTERFACE=eth1|", "Add UsbEthernet eth1 /p"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=net|INTERFACE=wlan0|", "dropped"},
+        {"ACTION=change|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyUSB0|", "dropped"},
+        {"ACTION=bind|DEVPATH=/p|SUBSYSTEM=usb|DEVNAME=x|DEVTYPE=usb_device|", "dropped"},
+        {"ACTION=add|SUBSYSTEM=tty|DEVNAME=ttyUSB0|", "dropped"},
+        {"ACTION=add|DEVPATH=/p|DEVNAME=ttyUSB0|", "dropped"},
+        {"DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyUSB0|", "dropped"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=tty|", "dropped"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyUSB0=b|", "Add UsbTty ttyUSB0=b /p"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=net|DEVNAME=x|INTERFACE=eth2|", "Add UsbEthernet eth2 /p"},
+        {"ACTION=add|DEVPATH=/p|SUBSYSTEM=net|INTERFACE=eth2|DEVNAME=wlan0|", "dropped"},
+        {"ACTION=remove|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyUSB0|ACTION=add|", "Add UsbTty ttyUSB0 /p"},
+        {"action=add|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyUSB0|", "dropped"},
+        {"", "dropped"},
+        {"====|\xff=\x01|=|ACTION|", "dropped"},
+        // clang-format on
     };
-    for (const auto& bytes : garbage) {
-        EXPECT_FALSE(decode(bytes).queued);
+    for (const auto& row : rows) {
+        EXPECT_EQ(decode(row.datagram), row.decoded) << row.datagram;
     }
+    // Without its own NUL the last string ends at the buffer; an "=" as the
+    // very last byte is no separator.
+    EXPECT_EQ(decode("ACTION=add|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyUSB7|", false),
+              "Add UsbTty ttyUSB7 /p");
+    EXPECT_EQ(decode("ACTION=add|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=|", false), "dropped");
 }
 
-TEST(UeventDecoder, BurstIsQueuedInOrderWithOneWakeUp)
+TEST(DatagramDrain, ReadsEveryDatagramWholeUntilTheSocketIsEmpty)
 {
-    HotplugNetlink listener;
-    auto& thread = HotplugNetlinkTestAccess::handlerThread(listener);
-    for (const char* name : {"ttyUSB0", "ttyUSB1", "ttyUSB2"}) {
-        std::string bytes =
-            datagram({"ACTION=add", "DEVPATH=/p", "SUBSYSTEM=tty", std::string("DEVNAME=") + name});
-        bytes.push_back('\0');
-        listener.parseKernelEvent(bytes.data(), bytes.size() - 1);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
+    // An empty one must be consumed, or poll would report it forever.
+    const std::vector<std::string> sent = {"first", "", std::string(100000, 'x'), "last"};
+    for (const auto& datagram : sent) {
+        ASSERT_EQ(send(ends[0], datagram.data(), datagram.size(), 0),
+                  static_cast<ssize_t>(datagram.size()));
     }
-    const auto events = HotplugHandlerThreadTestAccess::takeQueued(thread);
-    ASSERT_EQ(events.size(), 3U);
-    EXPECT_EQ(events[0]->deviceName, "ttyUSB0");
-    EXPECT_EQ(events[1]->deviceName, "ttyUSB1");
-    EXPECT_EQ(events[2]->deviceName, "ttyUSB2");
-    EXPECT_TRUE(HotplugHandlerThreadTestAccess::takeWakeUp(thread));
-    EXPECT_FALSE(HotplugHandlerThreadTestAccess::takeWakeUp(thread));
+    Common::Container::ByteArray buffer;
+    std::vector<std::string> received;
+    const auto keep = [&](char* datagram, size_t length) {
+        EXPECT_EQ(datagram[length], '\0');
+        received.emplace_back(datagram, length);
+    };
+    EXPECT_EQ(drainDatagrams(ends[1], buffer, keep), 3u);
+    EXPECT_EQ(received, (std::vector<std::string>{"first", sent[2], "last"}));
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_THROW(drainDatagrams(ends[1], buffer, keep), Common::Exceptions::RavoException);
 }
 
 } // namespace

@@ -1,7 +1,4 @@
-// The uevent decoder: one pass over a datagram of NUL-separated KEY=VALUE
-// strings, keeping pointers into the receive buffer; only datagrams that
-// become events allocate. Dropped datagrams leave no trace.
-#include "daemon/HotplugNetlink.h"
+#include "daemon/UeventDecoder.h"
 
 #include <cstring>
 #include <memory>
@@ -85,10 +82,10 @@ bool actionOf(const char* text, HotplugAction& action)
 
 } // namespace
 
-void HotplugNetlink::parseKernelEvent(char* buffer, size_t length)
+std::unique_ptr<HotplugEvent> decodeUevent(char* buffer, size_t length)
 {
     if (length == 0) {
-        return;
+        return nullptr;
     }
     UeventFields fields;
     char* const end = buffer + length;
@@ -112,17 +109,17 @@ void HotplugNetlink::parseKernelEvent(char* buffer, size_t length)
 
     if (fields.action == nullptr || fields.name == nullptr || fields.devpath == nullptr ||
         fields.subsystem == nullptr) {
-        return;
+        return nullptr;
     }
     HotplugDeviceType type = HotplugDeviceType::None;
     HotplugAction action = HotplugAction::None;
     if (!deviceTypeOf(fields, type) || !actionOf(fields.action, action)) {
-        return;
+        return nullptr;
     }
     auto event = std::make_unique<HotplugEvent>();
     event->deviceType = type;
     event->action = action;
     event->deviceName = fields.name;
     event->devPath = fields.devpath;
-    handlerThread.pushEvent(event.release());
+    return event;
 }

@@ -1,15 +1,15 @@
 #include "sandbox/DevLogSink.h"
 
+#include "sandbox/Namespaces.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sched.h>
+#include <exception>
 #include <string>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -57,23 +57,15 @@ void Sandbox::DevLogSink::enter()
         std::fprintf(stderr, "DevLogSink: needs root for a private mount namespace\n");
         std::exit(2);
     }
-    if (unshare(CLONE_NEWNS) != 0) {
-        fail("unshare(CLONE_NEWNS)");
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        fail("making / private");
-    }
-    if (mount("dhh-fuzz-dev", "/dev", "tmpfs", MS_NOSUID, "mode=0755") != 0) {
-        fail("mounting a tmpfs on /dev");
-    }
-    const struct {
-        const char* path;
-        unsigned minor;
-    } nodes[] = {{"/dev/null", 3}, {"/dev/zero", 5}, {"/dev/urandom", 9}};
-    for (const auto& node : nodes) {
-        if (mknod(node.path, S_IFCHR | 0666, makedev(1, node.minor)) != 0) {
-            fail(std::string("mknod ") + node.path);
+    try {
+        Namespaces::enterPrivateMountNamespace();
+        if (mount("dhh-dev", "/dev", "tmpfs", MS_NOSUID, "mode=0755") != 0) {
+            fail("mounting a tmpfs on /dev");
         }
+        Namespaces::populateDev("/dev");
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "DevLogSink: %s\n", error.what());
+        std::exit(2);
     }
     drainSyslogAt("/dev/log");
     entered = true;

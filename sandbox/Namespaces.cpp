@@ -9,10 +9,12 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <utility>
 
 namespace Sandbox {
 
@@ -83,6 +85,22 @@ void Namespaces::enterPrivateMountNamespace()
         throw systemError("Namespaces::enterPrivateMountNamespace: mount(/, MS_REC | MS_PRIVATE)");
     }
     entered = true;
+}
+
+void Namespaces::populateDev(const std::string& devDirectory)
+{
+    for (const auto& [name, minor] :
+         {std::pair<const char*, unsigned>{"null", 3}, {"zero", 5}, {"urandom", 9}}) {
+        const std::string node = devDirectory + "/" + name;
+        if (mknod(node.c_str(), S_IFCHR | 0666, makedev(1, minor)) != 0) {
+            throw systemError("Namespaces::populateDev: mknod " + node);
+        }
+    }
+    // As udev makes it; a binfmt_misc interpreter (qemu) opens programs there.
+    const std::string fdLink = devDirectory + "/fd";
+    if (symlink("/proc/self/fd", fdLink.c_str()) != 0) {
+        throw systemError("Namespaces::populateDev: symlink " + fdLink);
+    }
 }
 
 bool Namespaces::canRun(std::string& why)

@@ -1,7 +1,8 @@
 // Process-wide namespace set-up for tests that run the daemon: one private
 // mount namespace shared by the test process and the daemons it starts, so the
 // test sees every mount and file they make while the host sees none of it.
-// Network namespaces are IsolatedNetwork's business.
+// It also lays out the /dev that every such root needs. Network namespaces
+// are IsolatedNetwork's business.
 #pragma once
 
 #include <string>
@@ -17,6 +18,10 @@ public:
     // A process that already left its parent's namespace (a test main that
     // made its own) stays in it and may have threads by then.
     static void enterPrivateMountNamespace();
+
+    // Makes the nodes every program expects in /dev (null, zero, urandom)
+    // and the fd link in the given directory; throws std::runtime_error.
+    static void populateDev(const std::string& devDirectory);
 
     // Whether this process may build sandboxes (root, mount namespaces, a user
     // and network namespace); false with the reason in `why`. Changes nothing

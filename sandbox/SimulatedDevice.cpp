@@ -13,7 +13,6 @@
 #include <sstream>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -92,14 +91,7 @@ void SimulatedDevice::layOut()
     bindReadOnly("/etc", "/etc");
 
     makeDirectory("/dev");
-    addDeviceNode("null", makedev(1, 3), S_IFCHR);
-    addDeviceNode("zero", makedev(1, 5), S_IFCHR);
-    addDeviceNode("urandom", makedev(1, 9), S_IFCHR);
-    // As udev makes it; a binfmt_misc interpreter (qemu) opens the program there.
-    const std::string fdLink = path("/dev/fd");
-    if (symlink("/proc/self/fd", fdLink.c_str()) != 0) {
-        throw systemError("SimulatedDevice: symlink " + fdLink);
-    }
+    Namespaces::populateDev(path("/dev"));
     makeDirectory("/tmp", 01777);
     layOutProc();
     fakeSysfs = std::make_unique<FakeSysfs>(path("/sys"));

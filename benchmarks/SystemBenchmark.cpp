@@ -587,6 +587,59 @@ void footprintSection(const std::string& daemon)
     }
 }
 
+// How many serial-adapter adds the daemon's socket holds while nobody reads
+// it: the daemon is frozen while a burst is sent, and the kernel counts what
+// it had to drop.
+void bufferSection(const std::string& daemon)
+{
+    std::printf("\n## The socket's receive buffer\n\n");
+    constexpr int sent = 1000;
+    Run run(daemon);
+    std::vector<std::string> datagrams;
+    for (int index = 0; index < sent; ++index) {
+        const Adapter one = adapter(index);
+        datagrams.push_back(Uevent::ttyUsb("add", one.devpath, one.devname).datagram());
+    }
+    const pid_t pid = run.sandbox->pid();
+    run.sandbox->signal(SIGSTOP);
+    run.sandbox->injectRawBurst(datagrams.data(), datagrams.size());
+    // /proc/PID/net is the daemon's own network namespace: its uevent socket's
+    // row holds the bytes queued (Rmem) and the datagrams dropped (Drops).
+    std::ifstream table("/proc/" + std::to_string(pid) + "/net/netlink");
+    std::string line;
+    long queued = -1;
+    long dropped = -1;
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string socket;
+        long protocol = 0, port = 0, groups = 0, rmem = 0, wmem = 0, dump = 0, locks = 0, drops = 0;
+        if (fields >> socket >> protocol >> port >> std::hex >> groups >> std::dec >> rmem >>
+                wmem >> dump >> locks >> drops &&
+            protocol == 15 && port == pid) {
+            queued = rmem;
+            dropped = drops;
+        }
+    }
+    run.sandbox->signal(SIGKILL);
+    if (queued < 0) {
+        failLoudly("the daemon's uevent socket is not in /proc/" + std::to_string(pid) +
+                   "/net/netlink");
+    }
+    std::printf("a frozen daemon's socket held %ld of %d serial-adapter adds sent at once "
+                "(%ld bytes queued, %ld bytes a datagram on the wire)\n",
+                sent - dropped, sent, queued, static_cast<long>(datagrams[0].size()));
+}
+
+// Resident memory of an idle daemon, for builds to compare.
+void idleSection(const std::string& daemon)
+{
+    Run run(daemon);
+    usleep(500000);
+    auto memory = statusKb(run.sandbox->pid());
+    std::printf("idle after start: VmRSS %ld KiB; by mapping (proportional in brackets): %s\n",
+                memory["VmRSS"], residentByMapping(run.sandbox->pid()).c_str());
+}
+
 void binarySection(const std::vector<std::string>& daemons)
 {
     std::printf("\nstripped binary: %ld bytes native", strippedSize(daemons[0]));
@@ -600,16 +653,18 @@ void binarySection(const std::vector<std::string>& daemons)
 
 int main(int argc, char** argv)
 {
-    // Without --only every section runs, in this order.
+    // Without --only every section but "idle" runs, in this order.
     const std::vector<std::pair<std::string, void (*)(const std::vector<std::string>&)>> sections =
         {
             {"burst", [](const std::vector<std::string>& daemons) { burstSection(daemons[0]); }},
             {"latency",
              [](const std::vector<std::string>& daemons) { latencySection(daemons[0]); }},
             {"scan", [](const std::vector<std::string>& daemons) { scanSection(daemons[0]); }},
+            {"buffer", [](const std::vector<std::string>& daemons) { bufferSection(daemons[0]); }},
             {"footprint",
              [](const std::vector<std::string>& daemons) { footprintSection(daemons[0]); }},
             {"binary", binarySection},
+            {"idle", [](const std::vector<std::string>& daemons) { idleSection(daemons[0]); }},
         };
     std::string only;
     std::vector<std::string> daemons;
@@ -626,7 +681,8 @@ int main(int argc, char** argv)
                                     [&](const auto& entry) { return entry.first == only; });
     if (daemons.empty() || daemons.size() > 2 || !known) {
         std::fprintf(stderr,
-                     "usage: %s [--only=burst|latency|scan|footprint|binary] DAEMON [M32_DAEMON]\n",
+                     "usage: %s [--only=burst|latency|scan|buffer|footprint|binary|idle] DAEMON "
+                     "[M32_DAEMON]\n",
                      argv[0]);
         return 2;
     }
@@ -640,7 +696,7 @@ int main(int argc, char** argv)
         failLoudly("prctl(PR_SET_TIMERSLACK)");
     }
     for (const auto& [name, run] : sections) {
-        if (only.empty() || only == name) {
+        if (only == name || (only.empty() && name != "idle")) {
             run(daemons);
         }
     }

@@ -13,13 +13,24 @@ cmake --build build/bench -j "$jobs" --target device_hotplug_handler dhh_micro_b
 cmake -S . -B build/bench-m32 -DCMAKE_BUILD_TYPE=Release -DDHH_BUILD_TESTS=OFF \
     -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake >/dev/null
 cmake --build build/bench-m32 -j "$jobs" --target device_hotplug_handler
+# The daemon without two of its choices, to show what each is worth: the
+# pause after a read, and the C++ runtime linked in.
+cmake -S . -B build/bench-no-pause -DCMAKE_BUILD_TYPE=Release -DDHH_BUILD_TESTS=OFF \
+    -DCMAKE_CXX_FLAGS=-DDHH_LISTENER_PAUSE_US=0 >/dev/null
+cmake --build build/bench-no-pause -j "$jobs" --target device_hotplug_handler
+cmake -S . -B build/bench-shared-runtime -DCMAKE_BUILD_TYPE=Release -DDHH_BUILD_TESTS=OFF \
+    -DDHH_STATIC_LIBSTDCXX=OFF >/dev/null
+cmake --build build/bench-shared-runtime -j "$jobs" --target device_hotplug_handler
 
 # Medians of five runs: a shared machine's other load moves single runs.
 micro=$(build/bench/benchmarks/dhh_micro_benchmarks --benchmark_min_time=0.2 \
     --benchmark_repetitions=5 --benchmark_report_aggregates_only=true 2>/dev/null |
     grep -E '^(-|Benchmark|BM_.*_median)')
-system=$(build/bench/benchmarks/dhh_system_benchmark build/bench/daemon/device_hotplug_handler \
+benchmark=build/bench/benchmarks/dhh_system_benchmark
+system=$($benchmark build/bench/daemon/device_hotplug_handler \
     build/bench-m32/daemon/device_hotplug_handler)
+no_pause=$($benchmark --only=burst build/bench-no-pause/daemon/device_hotplug_handler)
+shared_runtime=$($benchmark --only=idle build/bench-shared-runtime/daemon/device_hotplug_handler)
 
 {
     echo "# Performance"
@@ -55,5 +66,18 @@ EOF
     echo '```'
     echo
     echo "$system"
+    echo
+    echo "## Without the pause after a read"
+    echo
+    echo "The same bursts with a daemon built without the listener's 0.2 ms pause after a read"
+    echo "(\\\`-DDHH_LISTENER_PAUSE_US=0\\\`): at real-time priority the listener then takes the CPU from"
+    echo "the sender for every datagram, and the paced sender falls behind the rate aimed at."
+    echo "$no_pause" | grep -v '^## '
+    echo
+    echo "## With the shared C++ runtime"
+    echo
+    echo "A daemon built with \\\`-DDHH_STATIC_LIBSTDCXX=OFF\\\`, for comparison with the footprint above:"
+    echo
+    echo "$shared_runtime"
 } >docs/performance.md
 cat docs/performance.md

@@ -73,7 +73,8 @@ TEST(UeventDecoder, AcceptsAndDropsAsTheTableSays)
     // very last byte is no separator.
     EXPECT_EQ(decode("ACTION=add|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=ttyUSB7|", false),
               "Add UsbTty ttyUSB7 /p");
-    EXPECT_EQ(decode("ACTION=add|DEVPATH=/p|SUBSYSTEM=tty|DEVNAME=|", false), "dropped");
+    EXPECT_EQ(decode("ACTION=add|DEVPATH=/p|SUBSYSTEM=usb|DEVTYPE=usb_device|DEVNAME=|", false),
+              "dropped");
 }
 
 TEST(DatagramDrain, ReadsEveryDatagramWholeUntilTheSocketIsEmpty)

@@ -54,6 +54,7 @@ TEST_F(DaemonSandboxTest, EachEventLeavesItsLinkOrInfoFile)
         {tty("add", "1-1.4", 3), "/ravo500/devs/usb1-4/uart0", ""},
         {tty("add", "1-1.4:x.0", 4), "/ravo500/devs/usb1-4/uart0", ""},
         {tty("add", "1-1.4:1.0a", 5), "/ravo500/devs/usb1-4/uart0", ""},
+        {tty("add", "1-1.4:1.", 7), "/ravo500/devs/usb1-4/uart0", ""},
         {Uevent::ttyUsb("add", hub + "/1-1.4/1-1.4:1.0/tty/ttyS0", "ttyUSB6"), "/ravo500/devs/usb1-4/uart0", ""},
         // The info file follows the adapter on the cascading port only.
         {Uevent::net("add", cascade, "eth1"), info, mac},

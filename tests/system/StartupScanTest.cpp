@@ -37,9 +37,9 @@ TEST_F(DaemonSandboxTest, ScanHandlesDevicesPresentAtStart)
     sys.addFile("dev/char/1:1", "not a link");
     sys.addDirectory("dev/block/7:7");
     sys.addLink("dev/block/7:8", "../x");
-    // A serial adapter whose uevent file names no device.
+    // A serial adapter whose uevent file names no device (DEVNAME= must begin the line).
     const std::string nameless = usb + "/1-1.5/1-1.5:1.0/ttyUSB4/tty/ttyUSB4";
-    sys.addDevice(nameless, "MAJOR=188\nMINOR=4\n");
+    sys.addDevice(nameless, "MAJOR=188\nMINOR=4\nOF_DEVNAME=ttyUSB4\n");
     sys.addLink("dev/char/188:4", FakeSysfs::linkTarget(nameless));
     // A target longer than the scan's first buffer.
     std::string deep = usb;

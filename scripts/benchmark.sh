@@ -49,9 +49,9 @@ How to read the tables:
   aimed at: it is the rate the daemon had to keep up with. The highest such rate without a loss
   closes the table.
 - events/s: from the first send to the last link present (adds) or gone (removes), 10,000 each.
-- The unpaced sender, one datagram per system call flat out, outruns what any listener drains
-  from the 166-event receive buffer; the overflow ends the daemon as designed (its restart's scan
-  brings the links back).
+- The unpaced sender, one datagram per system call flat out, can outrun what any listener drains
+  from the socket's receive buffer (its size is measured below); the overflow ends the daemon as
+  designed (its restart's scan brings the links back).
 - floor: the work per event that cannot go (lstat, symlink or unlink, two records to syslogd)
   done by a bare loop in one process. BusyBox syslogd, at 6 to 8 µs per record, takes most of one
   core at these rates, so the floor is about the rate syslogd sustains.

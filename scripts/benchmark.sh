@@ -10,7 +10,7 @@ jobs=$(nproc)
 cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DDHH_WERROR=ON >/dev/null
 cmake --build build/bench -j "$jobs" --target device_hotplug_handler dhh_micro_benchmarks \
     dhh_system_benchmark
-cmake -S . -B build/bench-m32 -DCMAKE_BUILD_TYPE=Release -DDHH_BUILD_TESTS=OFF \
+cmake -S . -B build/bench-m32 -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
     -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake >/dev/null
 cmake --build build/bench-m32 -j "$jobs" --target device_hotplug_handler
 

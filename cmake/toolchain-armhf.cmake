@@ -1,6 +1,7 @@
 # 32-bit ARM (hard float), the device's architecture, with Debian's
 # arm-linux-gnueabihf cross toolchain. char is unsigned there and alignment is
-# stricter; programs run on this machine through qemu-user.
+# stricter. Tests run on this machine through qemu-user when it is installed; a
+# device build needs no emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(DHH_ARM_TRIPLET arm-linux-gnueabihf)
@@ -15,5 +16,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-find_program(DHH_QEMU_ARM NAMES qemu-arm qemu-arm-static REQUIRED)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${DHH_QEMU_ARM} -L ${DHH_ARM_SYSROOT})
+find_program(DHH_QEMU_ARM NAMES qemu-arm qemu-arm-static)
+if(DHH_QEMU_ARM)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${DHH_QEMU_ARM} -L ${DHH_ARM_SYSROOT})
+endif()

@@ -10,15 +10,15 @@ jobs=$(nproc)
 cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DDHH_WERROR=ON >/dev/null
 cmake --build build/bench -j "$jobs" --target device_hotplug_handler dhh_micro_benchmarks \
     dhh_system_benchmark
-cmake -S . -B build/bench-m32 -DCMAKE_BUILD_TYPE=Release -DDHH_BUILD_TESTS=OFF \
+cmake -S . -B build/bench-m32 -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
     -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake >/dev/null
 cmake --build build/bench-m32 -j "$jobs" --target device_hotplug_handler
 # The daemon without two of its choices, to show what each is worth: the
 # pause after a read, and the C++ runtime linked in.
-cmake -S . -B build/bench-no-pause -DCMAKE_BUILD_TYPE=Release -DDHH_BUILD_TESTS=OFF \
+cmake -S . -B build/bench-no-pause -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
     -DCMAKE_CXX_FLAGS=-DDHH_LISTENER_PAUSE_US=0 >/dev/null
 cmake --build build/bench-no-pause -j "$jobs" --target device_hotplug_handler
-cmake -S . -B build/bench-shared-runtime -DCMAKE_BUILD_TYPE=Release -DDHH_BUILD_TESTS=OFF \
+cmake -S . -B build/bench-shared-runtime -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
     -DDHH_STATIC_LIBSTDCXX=OFF >/dev/null
 cmake --build build/bench-shared-runtime -j "$jobs" --target device_hotplug_handler
 

@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 seconds=${1:-60}
 dir=build/fuzz
-CC=clang CXX=clang++ cmake -S . -B "$dir" -DDHH_BUILD_FUZZERS=ON -DDHH_BUILD_TESTS=OFF \
+CC=clang CXX=clang++ cmake -S . -B "$dir" -DDHH_BUILD_FUZZERS=ON -DBUILD_TESTING=OFF \
     -DDHH_WERROR=ON >/dev/null
 cmake --build "$dir" -j "$(nproc)"
 

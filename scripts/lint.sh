@@ -1,16 +1,20 @@
 #!/usr/bin/env bash
 # Static checks: formatting of every C++ file, then clang-tidy and cppcheck on
-# the product code (the daemon and its libraries). Any finding fails.
+# the product code (the daemon and its libraries), and shellcheck on the scripts
+# and the init script. Any finding fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 dir=build/lint
 jobs=$(nproc)
 
+echo "--- shellcheck"
+git ls-files '*.sh' .ci/run packaging/sysvinit/device-hotplug-handler | xargs shellcheck
+
 echo "--- clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 
-cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DDHH_BUILD_TESTS=OFF >/dev/null
+cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DBUILD_TESTING=OFF >/dev/null
 mapfile -t sources < <(git ls-files 'Osal/*.cpp' 'common/*.cpp' 'handler/*.cpp' 'daemon/*.cpp')
 
 echo "--- clang-tidy (${#sources[@]} files)"

@@ -13,7 +13,7 @@ bash scripts/binfmt.sh
 for arch in "$@"; do
     case $arch in
         m32) dir=build/m32 options=() ;;
-        armhf) dir=build/armhf-daemon options=(-DDHH_BUILD_TESTS=OFF -DCMAKE_EXE_LINKER_FLAGS=-static) ;;
+        armhf) dir=build/armhf-daemon options=(-DBUILD_TESTING=OFF -DCMAKE_EXE_LINKER_FLAGS=-static) ;;
         *) echo "unknown architecture: $arch" >&2; exit 2 ;;
     esac
     echo "--- system tests against the $arch daemon"

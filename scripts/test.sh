@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything and runs every check CI runs, stage by stage, printing each
-# stage's duration: static checks; the tests as a native 64-bit program, as a
-# 32-bit x86 one (-m32, the device's word size) and for 32-bit ARM (the device's
+# stage's duration: static checks; the tests as a native 64-bit program; the
+# packaging (install tree, unit, init script, recipes) checked against that
+# build with the build systems' own tools; the tests as a 32-bit x86 program
+# (-m32, the device's word size) and for 32-bit ARM (the device's
 # architecture), both through qemu-user; under AddressSanitizer with
 # UndefinedBehaviorSanitizer and under ThreadSanitizer; the system tests against
 # the 32-bit x86 and ARM daemons (binfmt_misc and qemu); and the fuzzers for a
@@ -35,6 +37,7 @@ suite() {
 stage setup bash scripts/setup.sh
 stage lint bash scripts/lint.sh
 stage native suite build/native --
+stage packaging bash scripts/check-packaging.sh build/native
 stage m32 suite build/m32 -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake
 stage armhf suite build/armhf -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake
 # valgrind and the sanitizers' runtimes do not mix: the storm test runs natively only.

@@ -8,28 +8,48 @@ LICENSE = "CLOSED"
 inherit externalsrc cmake systemd update-rc.d
 EXTERNALSRC = "${THISDIR}/../.."
 
-# The package split strips the daemon and keeps its symbols for the -dbg package.
-EXTRA_OECMAKE = "-DDHH_BUILD_TESTS=OFF -DDHH_INSTALL_STRIP=OFF \
-    -DDHH_SYSTEMD_UNITDIR=${systemd_system_unitdir} \
-    -DDHH_TMPFILESDIR=${nonarch_libdir}/tmpfiles.d"
+# The board's /ravo500/devs/usbH-P directories, blank-separated, e.g.
+# DHH_PORT_DIRECTORIES = "usb1-1 usb1-2 usb2-1" in a bbappend or local.conf.
+# Empty: the project's default, usb1-1 to usb1-7.
+DHH_PORT_DIRECTORIES ??= ""
 
+# The image brings its own hardening flags, and the package split strips the
+# daemon and keeps its symbols for the -dbg package.
+EXTRA_OECMAKE = "-DBUILD_TESTING=OFF -DDHH_HARDENING=OFF \
+    -DDHH_INSTALL_RUNTIME_DIRECTORIES=ON \
+    -DDHH_SYSTEMD_UNITDIR=${systemd_system_unitdir} \
+    -DDHH_TMPFILESDIR=${nonarch_libdir}/tmpfiles.d \
+    ${@'-DDHH_PORT_DIRECTORIES=\'%s\'' % d.getVar('DHH_PORT_DIRECTORIES') if d.getVar('DHH_PORT_DIRECTORIES') else ''}"
+
+# Both are always installed; the systemd class removes the init script from
+# images without sysvinit and the unit from images without systemd. With both
+# in DISTRO_FEATURES, systemd prefers the unit of the same name.
 SYSTEMD_SERVICE:${PN} = "device-hotplug-handler.service"
 INITSCRIPT_NAME = "device-hotplug-handler"
 INITSCRIPT_PARAMS = "defaults 50"
 
-# The install step brings the daemon, the man page, the unit and the tmpfiles.d
-# entry (packaging/systemd/device-hotplug-handler.service,
-# packaging/tmpfiles.d/device-hotplug-handler.conf); the systemd class drops
-# the unit from images without systemd.
 do_install:append() {
-    if ! ${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'true', 'false', d)}; then
-        install -D -m 0755 ${S}/packaging/sysvinit/device-hotplug-handler \
-            ${D}${sysconfdir}/init.d/device-hotplug-handler
-        # No tmpfiles.d without systemd: the image carries the directories.
-        install -d -m 0755 ${D}/mnt/usb ${D}/ravo500/devs/cascade
-        for port in 1 2 3 4 5 6 7; do
-            install -d -m 0755 ${D}/ravo500/devs/usb1-$port
-        done
+    install -D -m 0755 ${S}/packaging/sysvinit/device-hotplug-handler \
+        ${D}${sysconfdir}/init.d/device-hotplug-handler
+}
+
+# Under sysvinit or BusyBox init, init restarts the daemon one second after it
+# exits (it exits by design and relies on that); the init script then leaves
+# it to init. systemd ignores /etc/inittab.
+DHH_RESPAWN_ACTION = "${@'::respawn:' if d.getVar('VIRTUAL-RUNTIME_init_manager') == 'busybox' else 'dhh:2345:respawn:'}"
+RDEPENDS:${PN} += "${@bb.utils.contains('VIRTUAL-RUNTIME_init_manager', 'sysvinit', 'sysvinit-inittab', '', d)}"
+pkg_postinst:${PN}() {
+    inittab=$D${sysconfdir}/inittab
+    line='${DHH_RESPAWN_ACTION}/bin/sh -c "sleep 1; exec ${sbindir}/device_hotplug_handler"'
+    if [ -f "$inittab" ] && ! grep -qxF "$line" "$inittab"; then
+        echo "$line" >>"$inittab"
+    fi
+}
+
+pkg_postrm:${PN}() {
+    inittab=$D${sysconfdir}/inittab
+    if [ -f "$inittab" ]; then
+        sed -i '/:respawn:.*device_hotplug_handler/d' "$inittab"
     fi
 }
 

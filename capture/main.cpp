@@ -72,7 +72,8 @@ public:
     }
     void finish()
     {
-        if (fd != STDOUT_FILENO && fsync(fd) != 0) {
+        // EINVAL: a device or pipe (-o /dev/ttyS0), which has nothing to sync.
+        if (fd != STDOUT_FILENO && fsync(fd) != 0 && errno != EINVAL) {
             throw std::system_error(errno, std::generic_category(), "fsync of the capture");
         }
     }

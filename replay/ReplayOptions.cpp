@@ -11,7 +11,9 @@ void addPair(const std::string& option, const std::string& text,
 {
     const size_t equals = text.find('=');
     if (equals == 0 || equals == std::string::npos || equals + 1 == text.size()) {
-        throw std::invalid_argument(option + " needs NAME=VALUE, not \"" + text + "\"");
+        throw std::invalid_argument(option +
+                                    (option == "--image" ? " needs NAME=FILE" : " needs NAME=MAC") +
+                                    ", not \"" + text + "\"");
     }
     pairs[text.substr(0, equals)] = text.substr(equals + 1);
 }

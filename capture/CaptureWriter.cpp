@@ -76,30 +76,45 @@ std::string CaptureWriter::timeText(uint64_t timeUs)
     return text;
 }
 
-std::string CaptureWriter::headline(const CaptureRecord& record)
+namespace {
+
+// The KERNEL record of a datagram, or "" when it has to be a RAW line: the
+// kernel would not send it, or reading it back would not give the same bytes
+// (a DEVNAME below /dev/ or MAJOR behind SEQNUM read as udevadm's rearranging).
+std::string kernelRecord(const CaptureRecord& record)
 {
     const auto strings = kernelStrings(record.data);
-    return strings.empty() ? rawLine(record) : header(record, strings);
+    if (strings.empty()) {
+        return "";
+    }
+    std::string text = header(record, strings) + "\n";
+    for (size_t index = 1; index < strings.size(); ++index) {
+        std::string line = TextEscape::value(strings[index]);
+        if (CaptureReader::startsRecord(line)) {
+            // A key that reads like a header still belongs to this record.
+            line = TextEscape::byte(line[0]) + line.substr(1);
+        }
+        text += line + "\n";
+    }
+    text += "\n";
+    const auto read = CaptureReader::read(text);
+    return read.size() == 1 && read[0].data == record.data ? text : "";
+}
+
+} // namespace
+
+std::string CaptureWriter::headline(const CaptureRecord& record)
+{
+    const std::string text = kernelRecord(record);
+    return text.empty() ? rawLine(record) : text.substr(0, text.find('\n'));
 }
 
 std::string CaptureWriter::format(const CaptureRecord& record)
 {
     switch (record.kind) {
     case CaptureRecord::Kind::Datagram: {
-        const auto strings = kernelStrings(record.data);
-        if (strings.empty()) {
-            return rawLine(record) + "\n";
-        }
-        std::string text = header(record, strings) + "\n";
-        for (size_t index = 1; index < strings.size(); ++index) {
-            std::string line = TextEscape::value(strings[index]);
-            if (CaptureReader::startsRecord(line)) {
-                // A key that reads like a header still belongs to this record.
-                line = TextEscape::byte(line[0]) + line.substr(1);
-            }
-            text += line + "\n";
-        }
-        return text + "\n";
+        const std::string text = kernelRecord(record);
+        return text.empty() ? rawLine(record) + "\n" : text;
     }
     case CaptureRecord::Kind::Lost:
         return "LOST[" + timeText(record.timeUs) + "] " + TextEscape::value(record.data) + "\n";

@@ -34,6 +34,8 @@ TEST(CaptureText, DatagramsComeBackByteForByte)
     for (const std::string& bytes : // kernel-shaped ones, then RAW ones
          {nul("add@/my disk|" + keys + "X=a\nb\\x41 \xc3\xa9=c |\\=\x7f|SEQNUM=7|"),
           nul("add@/d|" + keys + "KERNEL[1.0] a (b)=x|UDEV [1]=y|SEQNUM=7|"),
+          nul("add@/d|" + keys +
+              "SEQNUM=7|DEVNAME=/dev/sda1|MAJOR=8|"), // as udevadm would print it
           nul("no header|" + keys + "SEQNUM=7|"), nul("add@/d|" + keys + "junk|SEQNUM=7|"),
           nul("add@/d|" + keys + "SEQNUM=7"), nul("add@/d|" + keys), nul("add@|" + keys + "|")}) {
         const auto text = Capture::CaptureWriter::format(

@@ -151,6 +151,8 @@ int capture(const Capture::CaptureOptions& options)
             output.write(record);
         }
     }
+    say("capturing to " + (options.output.empty() ? "standard output" : options.output) +
+        "; SIGINT or SIGTERM ends it");
     const uint64_t deadline =
         options.durationS > 0 ? monotonicUs() + options.durationS * 1000000U : 0;
     unsigned long written = 0;

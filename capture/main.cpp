@@ -157,6 +157,10 @@ int capture(const Capture::CaptureOptions& options)
         options.durationS > 0 ? monotonicUs() + options.durationS * 1000000U : 0;
     unsigned long written = 0;
     unsigned long losses = 0;
+    CaptureRecord loss;
+    loss.kind = CaptureRecord::Kind::Lost;
+    loss.data = "datagrams lost: the receive buffer overflowed (ENOBUFS) after those above "
+                "had arrived";
     std::string reason;
     while (reason.empty()) {
         int timeoutMs = -1;
@@ -182,11 +186,9 @@ int capture(const Capture::CaptureOptions& options)
              result = socket.receive(record.data)) {
             record.timeUs = monotonicUs();
             if (result == Capture::UeventSocket::Result::Lost) {
-                CaptureRecord lost;
-                lost.kind = CaptureRecord::Kind::Lost;
-                lost.timeUs = record.timeUs;
-                lost.data = "datagrams lost here: the receive buffer overflowed (ENOBUFS)";
-                output.write(lost);
+                // The kernel says so before the datagrams still queued, which came before
+                // the loss: the record goes behind them, once the socket is empty.
+                loss.timeUs = loss.timeUs == 0 ? record.timeUs : loss.timeUs;
                 ++losses;
                 continue;
             }
@@ -202,17 +204,22 @@ int capture(const Capture::CaptureOptions& options)
                 reason = "count reached";
             }
         }
+        if (loss.timeUs != 0) {
+            output.write(loss);
+            loss.timeUs = 0;
+        }
         signalfd_siginfo signal{};
         if ((ready[1].revents & POLLIN) != 0 && read(signalFd, &signal, sizeof(signal)) > 0) {
             reason = signal.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM";
         }
     }
     output.comment("ended by " + reason + " after " + std::to_string(written) + " datagrams, " +
-                   std::to_string(losses) + " losses");
+                   std::to_string(losses) + " overflows");
     output.finish();
     close(signalFd);
-    say(std::to_string(written) + " datagrams, " + std::to_string(losses) + " losses, written to " +
-        (options.output.empty() ? "standard output" : options.output) + " (" + reason + ")");
+    say(std::to_string(written) + " datagrams, " + std::to_string(losses) +
+        " overflows, written to " + (options.output.empty() ? "standard output" : options.output) +
+        " (" + reason + ")");
     return 0;
 }
 

@@ -156,7 +156,12 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "hotplug_replay: %s\n", error.what());
         return 2;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "hotplug_replay: %s\n", error.what());
+        const std::string text = error.what();
+        const bool foreign = text.find("Exec format error") != std::string::npos;
+        std::fprintf(stderr, "hotplug_replay: %s%s\n", text.c_str(),
+                     foreign ? " (a 32-bit x86 or ARM daemon runs through qemu-user once "
+                               "scripts/binfmt.sh has registered it)"
+                             : "");
         return 1;
     }
 }

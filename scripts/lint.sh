@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Static checks: formatting of every C++ file, then clang-tidy and cppcheck on
-# the product code (the daemon and its libraries), and shellcheck on the scripts
-# and the init script. Any finding fails.
+# the product code (the daemon, its libraries and hotplug_capture), and shellcheck
+# on the scripts and the init script. Any finding fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,7 +15,8 @@ echo "--- clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 
 cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DBUILD_TESTING=OFF >/dev/null
-mapfile -t sources < <(git ls-files 'Osal/*.cpp' 'common/*.cpp' 'handler/*.cpp' 'daemon/*.cpp')
+mapfile -t sources < <(git ls-files 'Osal/*.cpp' 'common/*.cpp' 'handler/*.cpp' 'daemon/*.cpp' \
+    'capture/*.cpp')
 
 echo "--- clang-tidy (${#sources[@]} files)"
 printf '%s\n' "${sources[@]}" | xargs -P "$jobs" -n 4 clang-tidy -p "$dir" --quiet 2>/dev/null

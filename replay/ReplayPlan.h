@@ -1,0 +1,26 @@
+// What a capture asks of the sandbox before the daemon starts: the partitions
+// that need a block device, the hub-and-port directories and whether the
+// cascade directory is wanted. Reads records only; ReplaySession builds.
+#pragma once
+
+#include "capture/CaptureRecord.h"
+
+#include <string>
+#include <vector>
+
+namespace Replay {
+
+struct ReplayPlan {
+    std::vector<std::string> partitions;      // device names, sorted
+    std::vector<std::string> portDirectories; // "usb1-2"... under /ravo500/devs
+    bool cascadeDirectory = false;
+    size_t datagrams = 0;
+    uint64_t spanUs = 0; // from the first datagram to the last
+    bool fromUdevadm = false;
+
+    // Throws Capture::CaptureFormatError for a partition name that cannot be
+    // a node under /dev (it would lead out of the sandbox's root).
+    static ReplayPlan of(const std::vector<Capture::CaptureRecord>& records);
+};
+
+} // namespace Replay

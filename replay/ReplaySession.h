@@ -1,0 +1,81 @@
+// Plays a capture back against the real daemon binary in the sandbox: the
+// captured sysfs, a block device for every partition, the hub-and-port and
+// cascade directories; then the datagrams with their original spacing or,
+// fast, each once the daemon has taken the one before. Prints what it sends
+// and the daemon's records as they arrive. Judging the outcome is the caller's.
+#pragma once
+
+#include "capture/CaptureRecord.h"
+#include "replay/CapturedSysfs.h"
+#include "replay/ImageLoop.h"
+#include "replay/ReplayPlan.h"
+#include "sandbox/LoopDisk.h"
+#include "sandbox/SimulatedDevice.h"
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Replay {
+
+class ReplaySession {
+public:
+    struct Settings {
+        std::string daemonPath;
+        bool fast = false;
+        std::map<std::string, std::string> images;    // partition name -> image file
+        std::map<std::string, std::string> addresses; // interface name -> MAC text
+        std::FILE* out = stdout;                      // nullptr: silent
+    };
+
+    // Builds the sandbox; throws std::runtime_error naming the step that failed.
+    ReplaySession(std::vector<Capture::CaptureRecord> records, Settings settings);
+    ~ReplaySession();
+    ReplaySession(const ReplaySession&) = delete;
+    ReplaySession& operator=(const ReplaySession&) = delete;
+
+    const ReplayPlan& plan() const { return replayPlan; }
+    // Starts the daemon and waits until it listens; throws when it does not.
+    void start();
+    // Lays down the records up to the next datagram, waits its turn and sends
+    // it; false once every datagram was sent. Throws when the daemon ended.
+    bool sendNext();
+    // Waits until the daemon has handled everything sent so far.
+    void settle();
+    std::vector<std::string> state() const;
+    // SIGTERM, as an operator would; the daemon's exit status.
+    int stop();
+    Sandbox::SimulatedDevice& device() { return *sandbox; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    std::vector<Capture::CaptureRecord> records;
+    Settings settings;
+    ReplayPlan replayPlan;
+    // Declared before the sandbox: it must unmount them before they go.
+    std::vector<std::unique_ptr<Sandbox::LoopDisk>> disks;
+    std::vector<std::unique_ptr<ImageLoop>> images;
+    std::unique_ptr<Sandbox::SimulatedDevice> sandbox;
+    std::unique_ptr<CapturedSysfs> sysfs;
+    size_t next = 0;
+    size_t sent = 0;
+    size_t shownRecords = 0;
+    int markers = 0;
+    uint64_t firstTimeUs = 0;
+    Clock::time_point firstSent;
+
+    void say(const std::string& line) const;
+    void layDown(const Capture::CaptureRecord& record);
+    void showRecords();
+    // Shows the daemon's records until the deadline; throws when it ended.
+    void showRecordsUntil(Clock::time_point deadline);
+    void waitForTurn(const Capture::CaptureRecord& datagram);
+    bool socketDrained() const;
+    void checkAlive(const std::string& when);
+};
+
+} // namespace Replay

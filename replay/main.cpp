@@ -1,0 +1,167 @@
+// hotplug_replay: plays a capture of the kernel's uevents (hotplug_capture's,
+// or pasted udevadm output) against the real daemon binary in the sandbox and
+// prints what it did; with --expect, a field report becomes a regression test.
+#include "capture/CaptureReader.h"
+#include "replay/DeviceState.h"
+#include "replay/ReplayOptions.h"
+#include "replay/ReplaySession.h"
+#include "sandbox/Namespaces.h"
+
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using Replay::DeviceState;
+
+// Bad input: said once, nothing replayed.
+class BadInput : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+std::string readWhole(const std::string& path, const char* what)
+{
+    std::ostringstream text;
+    if (path == "-") {
+        text << std::cin.rdbuf();
+        return text.str();
+    }
+    std::ifstream file(path, std::ios::binary);
+    if (!file || !(text << file.rdbuf())) {
+        // An empty file is no error; one that cannot be read is.
+        if (file && file.peek() == std::ifstream::traits_type::eof()) {
+            return "";
+        }
+        throw BadInput(std::string("cannot read the ") + what + " " + path);
+    }
+    return text.str();
+}
+
+void checkInputs(const Replay::ReplayOptions& options, const Replay::ReplayPlan& plan)
+{
+    struct stat status {};
+    if (stat(options.daemon.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        access(options.daemon.c_str(), X_OK) != 0) {
+        throw BadInput("the daemon binary " + options.daemon + " is missing or not executable");
+    }
+    for (const auto& [name, image] : options.images) {
+        if (access(image.c_str(), R_OK) != 0) {
+            throw BadInput("cannot read the image " + image + " for " + name);
+        }
+        bool known = false;
+        for (const auto& partition : plan.partitions) {
+            known = known || partition == name;
+        }
+        if (!known) {
+            throw BadInput("--image " + name + "=...: the capture has no partition " + name);
+        }
+    }
+}
+
+int replay(const Replay::ReplayOptions& options)
+{
+    const std::string text = readWhole(options.capture, "capture");
+    std::vector<Capture::CaptureRecord> records;
+    Replay::ReplayPlan plan;
+    try {
+        records = Capture::CaptureReader::read(text);
+        plan = Replay::ReplayPlan::of(records);
+    } catch (const Capture::CaptureFormatError& error) {
+        std::string message = options.capture + ": " + error.what();
+        if (!error.lineText().empty()) {
+            message += "\n    " + error.lineText();
+        }
+        throw BadInput(message + "\nnothing was replayed");
+    }
+    checkInputs(options, plan);
+    std::vector<std::string> expected;
+    if (!options.expect.empty()) {
+        expected = DeviceState::parse(readWhole(options.expect, "expected state"));
+    }
+    std::string why;
+    if (!Sandbox::Namespaces::canRun(why)) {
+        std::fprintf(stderr, "hotplug_replay: the sandbox needs root: %s\n", why.c_str());
+        return 1;
+    }
+
+    Replay::ReplaySession::Settings settings;
+    settings.daemonPath = options.daemon;
+    settings.fast = options.fast;
+    settings.images = options.images;
+    settings.addresses = options.addresses;
+    std::printf("== hotplug_replay %s: %zu datagrams over %.1f s%s; daemon %s\n",
+                options.capture.c_str(), plan.datagrams, static_cast<double>(plan.spanUs) / 1e6,
+                options.fast ? " (sent fast)" : "", options.daemon.c_str());
+    for (const auto& name : plan.partitions) {
+        const auto image = options.images.find(name);
+        std::printf("   /dev/%s: %s\n", name.c_str(),
+                    image == options.images.end() ? "an empty ext4 file system"
+                                                  : ("the image " + image->second).c_str());
+    }
+    Replay::ReplaySession session(records, settings);
+    session.start();
+    while (session.sendNext()) {
+    }
+    session.settle();
+    const auto state = session.state();
+    std::printf("# state after the replay:\n");
+    for (const auto& line : state) {
+        std::printf("%s\n", line.c_str());
+    }
+    if (state.empty()) {
+        std::printf("# nothing mounted under /mnt/usb, nothing under /ravo500/devs\n");
+    }
+    const int status = session.stop();
+    std::printf("# the daemon stopped on SIGTERM with exit status %d\n", status);
+    std::fflush(stdout);
+    if (!options.expect.empty()) {
+        const auto differences = DeviceState::diff(expected, state);
+        if (!differences.empty()) {
+            std::fprintf(stderr, "hotplug_replay: the state differs from %s:\n",
+                         options.expect.c_str());
+            for (const auto& line : differences) {
+                std::fprintf(stderr, "%s\n", line.c_str());
+            }
+            return 1;
+        }
+        std::printf("# the state is the one %s expects\n", options.expect.c_str());
+    }
+    return status == 0 ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Replay::ReplayOptions options;
+    try {
+        options = Replay::ReplayOptions::parse(argc, argv, DHH_DAEMON_PATH);
+        if (options.help) {
+            std::fputs(Replay::ReplayOptions::usage(), stdout);
+            return 0;
+        }
+        return replay(options);
+    } catch (const std::invalid_argument& error) {
+        std::fprintf(stderr, "hotplug_replay: %s\n%s", error.what(),
+                     Replay::ReplayOptions::usage());
+        return 2;
+    } catch (const BadInput& error) {
+        std::fprintf(stderr, "hotplug_replay: %s\n", error.what());
+        return 2;
+    } catch (const std::exception& error) {
+        const std::string text = error.what();
+        const bool foreign = text.find("Exec format error") != std::string::npos;
+        std::fprintf(stderr, "hotplug_replay: %s%s\n", text.c_str(),
+                     foreign ? " (a 32-bit x86 or ARM daemon runs through qemu-user once "
+                               "scripts/binfmt.sh has registered it)"
+                             : "");
+        return 1;
+    }
+}

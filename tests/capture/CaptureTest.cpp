@@ -1,0 +1,144 @@
+// Capture and replay: every datagram comes back from the text form byte for
+// byte, pasted udevadm output as the kernel sent it, bad input names its line;
+// the tool's messages and exit codes; real kernel uevents of a partition
+// captured, then replayed against the daemon.
+#include "capture/CaptureReader.h"
+#include "capture/CaptureWriter.h"
+#include "replay/ReplaySession.h"
+#include "sandbox/Namespaces.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <sys/wait.h>
+#include <tuple>
+#include <unistd.h>
+
+namespace {
+
+using Capture::CaptureReader;
+template <typename... Columns>
+using Rows = std::initializer_list<std::tuple<Columns...>>;
+
+std::string nul(std::string text) // '|' stands for the NUL that ends each string
+{
+    std::replace(text.begin(), text.end(), '|', '\0');
+    return text;
+}
+
+const std::string keys = "ACTION=add|DEVPATH=/d|SUBSYSTEM=block|";
+
+TEST(CaptureText, DatagramsComeBackByteForByte)
+{
+    for (const std::string& bytes : // kernel-shaped ones, then RAW ones
+         {nul("add@/my disk|" + keys + "X=a\nb\\x41 \xc3\xa9=c |\\=\x7f|SEQNUM=7|"),
+          nul("add@/d|" + keys + "KERNEL[1.0] a (b)=x|UDEV [1]=y|SEQNUM=7|"),
+          nul("add@/d|" + keys +
+              "SEQNUM=7|DEVNAME=/dev/sda1|MAJOR=8|"), // as udevadm would print it
+          nul("no header|" + keys + "SEQNUM=7|"), nul("add@/d|" + keys + "junk|SEQNUM=7|"),
+          nul("add@/d|" + keys + "SEQNUM=7"), nul("add@/d|" + keys), nul("add@|" + keys + "|")}) {
+        const auto text = Capture::CaptureWriter::format(
+            {Capture::CaptureRecord::Kind::Datagram, 12000345, bytes});
+        const auto read = CaptureReader::read(text);
+        ASSERT_EQ(read.size(), 1U) << text;
+        EXPECT_EQ(read[0].data + std::to_string(read[0].timeUs), bytes + "12000345") << text;
+    }
+}
+
+TEST(CaptureText, UdevadmPasteBecomesTheKernelsDatagram)
+{
+    EXPECT_EQ(
+        CaptureReader::read(
+            "monitor will print the received events for:\nKERNEL - the kernel uevent\n\n"
+            "KERNEL[2682.297259] add      /d (block)\nACTION=add\nDEVPATH=/d\nSUBSYSTEM=block\n"
+            "DEVNAME=/dev/loop0p1\nDEVTYPE=partition\nSEQNUM=2392\nMAJOR=259\nMINOR=0\n\n"
+            "UDEV  [2682.301712] add      /d (block)\nACTION=add\nDEVNAME=/dev/loop0p1\n\n")
+            .at(0)
+            .data,
+        nul("add@/d|" + keys + "MAJOR=259|MINOR=0|DEVNAME=loop0p1|DEVTYPE=partition|SEQNUM=2392|"));
+}
+
+TEST(CaptureText, BadInputIsRefusedWithItsLine)
+{
+    for (const auto& [text, message] : Rows<const char*, const char*>{
+             {"KERNEL[1.5] add /d (b)\nACTION=add\nDEVPATH=/d\nSUBSYSTEM=b\n\n",
+              "line 1: truncated record"},
+             {"# note\nKERNEL[1.5] add /d (b)\nACTION=add\nDEVPATH /d\n",
+              "line 4: entry without \"=\""},
+             {"\nKERNEL[1.5] add /d\nACTION=add\n", "line 2: header does not parse"},
+             {"SYSFS file /sys/../etc/passwd x\n",
+              "line 1: sysfs path is not a plain path below /sys/"}}) {
+        try {
+            CaptureReader::read(text);
+            ADD_FAILURE() << "accepted: " << text;
+        } catch (const Capture::CaptureFormatError& error) {
+            EXPECT_EQ(std::string(error.what()).rfind(message, 0), 0U) << error.what();
+        }
+    }
+}
+
+TEST(CaptureTool, ReportsBadOptionsAndEndsOnItsLimit)
+{
+    for (const auto& [arguments, status, message] : Rows<const char*, int, const char*>{
+             {"--count 0", 2, "--count needs a whole number above 0, not \"0\""},
+             {"--bogus", 2, "unknown option \"--bogus\""},
+             {"-o /nonexistent/capture", 1, "cannot open /nonexistent/capture"},
+             {"--duration=1 -o /dev/null", 0, "written to /dev/null (time limit)"}}) {
+        FILE* pipe = popen((std::string(DHH_CAPTURE_PATH " ") + arguments + " 2>&1").c_str(), "r");
+        std::string output(4096, '\0');
+        output.resize(fread(&output[0], 1, output.size(), pipe));
+        EXPECT_EQ(WEXITSTATUS(pclose(pipe)), status) << arguments;
+        EXPECT_NE(output.find(message), std::string::npos) << arguments << ": " << output;
+    }
+}
+
+TEST(CaptureTool, KernelUeventsOfAPartitionReplayAgainstTheDaemon)
+{
+    std::string why;
+    if (!Sandbox::Namespaces::canRun(why) || !Sandbox::LoopDisk::available(why)) {
+        GTEST_SKIP() << "needs root, namespaces and loop devices: " << why;
+    }
+    Sandbox::LoopDisk disk({{8, "ext4"}});
+    const std::string file = "/tmp/dhh-capture-" + std::to_string(getpid());
+    FILE* shell =
+        popen((DHH_CAPTURE_PATH " -t 60 -o " + file + " 2>/dev/null & echo $!").c_str(), "r");
+    pid_t capture = 0;
+    EXPECT_EQ(fscanf(shell, "%d", &capture) + pclose(shell), 1);
+    std::string text;
+    const auto seen = [&](const std::string& part) {
+        return Sandbox::SimulatedDevice::waitUntil(
+            [&] {
+                return std::getline(std::ifstream(file), text, '\0') &&
+                       text.find(part) != std::string::npos;
+            },
+            10000);
+    };
+    if (seen("receive buffer")) { // listening
+        disk.triggerUevent(1, "add");
+        disk.triggerUevent(1, "remove");
+        EXPECT_TRUE(seen("remove   " + disk.partitionDevpath(1) + " (block)"));
+    }
+    kill(capture, SIGINT);
+    EXPECT_TRUE(seen("ended by SIGINT"));
+    unlink(file.c_str());
+    // Other tests' loop devices come and go meanwhile: only this partition's events.
+    auto records = CaptureReader::read(text);
+    records.erase(std::remove_if(records.begin(), records.end(),
+                                 [&](const auto& record) {
+                                     return record.value("DEVPATH") != disk.partitionDevpath(1);
+                                 }),
+                  records.end());
+    ASSERT_EQ(records.size(), 2U) << text;
+    Replay::ReplaySession session(records, {DHH_DAEMON_PATH, true, {}, {}, nullptr});
+    session.start();
+    for (const auto& expected : std::vector<std::vector<std::string>>{
+             {"mount /mnt/usb/" + disk.partitionName(1) + " ext4 ro,relatime"}, {}}) {
+        ASSERT_TRUE(session.sendNext());
+        session.settle();
+        EXPECT_EQ(session.state(), expected);
+    }
+    EXPECT_EQ(session.stop(), 0);
+}
+
+} // namespace

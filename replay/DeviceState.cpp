@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <sstream>
 #include <sys/stat.h>
 
 namespace Replay {
@@ -58,20 +59,14 @@ std::vector<std::string> DeviceState::list(const Sandbox::SimulatedDevice& devic
 std::vector<std::string> DeviceState::parse(const std::string& text)
 {
     std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        std::string line = text.substr(start, end - start);
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
         while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) {
             line.pop_back();
         }
         if (!line.empty() && line[0] != '#') {
             lines.push_back(line);
         }
-        start = end + 1;
     }
     std::sort(lines.begin(), lines.end());
     return lines;

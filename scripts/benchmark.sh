@@ -70,13 +70,13 @@ EOF
     echo "## Without the pause after a read"
     echo
     echo "The same bursts with a daemon built without the listener's 0.2 ms pause after a read"
-    echo "(\\\`-DDHH_LISTENER_PAUSE_US=0\\\`): at real-time priority the listener then takes the CPU from"
+    echo "(\`-DDHH_LISTENER_PAUSE_US=0\`): at real-time priority the listener then takes the CPU from"
     echo "the sender for every datagram, and the paced sender falls behind the rate aimed at."
     echo "$no_pause" | grep -v '^## '
     echo
     echo "## With the shared C++ runtime"
     echo
-    echo "A daemon built with \\\`-DDHH_STATIC_LIBSTDCXX=OFF\\\`, for comparison with the footprint above:"
+    echo "A daemon built with \`-DDHH_STATIC_LIBSTDCXX=OFF\`, for comparison with the footprint above:"
     echo
     echo "$shared_runtime"
 } >docs/performance.md

@@ -89,22 +89,7 @@ bool splitStamped(const std::string& line, const std::string& name, uint64_t& ti
 
 bool isSysfsPath(const std::string& path)
 {
-    if (!startsWith(path, "/sys/")) {
-        return false;
-    }
-    size_t start = 5;
-    while (start <= path.size()) {
-        size_t end = path.find('/', start);
-        if (end == std::string::npos) {
-            end = path.size();
-        }
-        const std::string part = path.substr(start, end - start);
-        if (part.empty() || part == "." || part == "..") {
-            return false;
-        }
-        start = end + 1;
-    }
-    return true;
+    return startsWith(path, "/sys/") && isPlainPath(path);
 }
 
 Entries::iterator findKey(Entries& entries, const std::string& key)
@@ -293,6 +278,25 @@ std::vector<CaptureRecord> CaptureReader::read(const std::string& text)
         }
     }
     return records;
+}
+
+bool isPlainPath(const std::string& path)
+{
+    if (path.size() < 2 || path[0] != '/') {
+        return false;
+    }
+    for (size_t start = 1; start <= path.size();) {
+        size_t end = path.find('/', start);
+        if (end == std::string::npos) {
+            end = path.size();
+        }
+        const std::string part = path.substr(start, end - start);
+        if (part.empty() || part == "." || part == "..") {
+            return false;
+        }
+        start = end + 1;
+    }
+    return true;
 }
 
 } // namespace Capture

@@ -36,4 +36,8 @@ public:
     static bool startsRecord(const std::string& line);
 };
 
+// An absolute path without empty, "." or ".." components: one a capture may
+// name without leading a replay out of the tree it lays down.
+bool isPlainPath(const std::string& path);
+
 } // namespace Capture

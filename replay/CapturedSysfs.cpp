@@ -1,5 +1,7 @@
 #include "replay/CapturedSysfs.h"
 
+#include "capture/CaptureReader.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
@@ -27,25 +29,6 @@ std::string addressInterface(const std::string& path)
         return "";
     }
     return directory.substr(slash + 1);
-}
-
-bool plainDevpath(const std::string& devpath)
-{
-    if (devpath.size() < 2 || devpath[0] != '/') {
-        return false;
-    }
-    for (size_t start = 1; start <= devpath.size();) {
-        size_t end = devpath.find('/', start);
-        if (end == std::string::npos) {
-            end = devpath.size();
-        }
-        const std::string part = devpath.substr(start, end - start);
-        if (part.empty() || part == "." || part == "..") {
-            return false;
-        }
-        start = end + 1;
-    }
-    return true;
 }
 
 } // namespace
@@ -128,7 +111,7 @@ std::string CapturedSysfs::prepareAddress(const CaptureRecord& event)
     if (present && chosen == chosenAddresses.end()) {
         return "";
     }
-    if (!plainDevpath(devpath)) {
+    if (!Capture::isPlainPath(devpath)) {
         return name + ": no address file laid down, the DEVPATH is no plain path";
     }
     const std::string address =

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Static checks: formatting of every C++ file, then clang-tidy and cppcheck on
 # the product code (the daemon, its libraries and hotplug_capture), and shellcheck
-# on the scripts and the init script. Any finding fails.
+# on the scripts and the init script, flake8 on the board's Python driver. Any finding fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,7 +9,11 @@ dir=build/lint
 jobs=$(nproc)
 
 echo "--- shellcheck"
-git ls-files '*.sh' .ci/run packaging/sysvinit/device-hotplug-handler | xargs shellcheck
+git ls-files '*.sh' .ci/run packaging/sysvinit/device-hotplug-handler tests/board/rcS \
+    tests/board/board-agent | xargs shellcheck
+
+echo "--- flake8"
+git ls-files '*.py' | xargs -r flake8 --max-line-length=100
 
 echo "--- clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror

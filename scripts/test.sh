@@ -4,7 +4,8 @@
 # packaging (install tree, unit, init script, recipes) checked against that
 # build with the build systems' own tools; the tests as a 32-bit x86 program
 # (-m32, the device's word size) and for 32-bit ARM (the device's
-# architecture), both through qemu-user; under AddressSanitizer with
+# architecture), both through qemu-user; the ARM daemon on an emulated board
+# with a real kernel's USB stack under BusyBox init; under AddressSanitizer with
 # UndefinedBehaviorSanitizer and under ThreadSanitizer; the system tests against
 # the 32-bit x86 and ARM daemons (binfmt_misc and qemu); and the fuzzers for a
 # bounded time.
@@ -34,12 +35,22 @@ suite() {
     ctest --test-dir "$dir" --output-on-failure -j "$jobs" "${ctest_args[@]}"
 }
 
+# The emulated ARM board: the image from Debian's packages and what we install,
+# the scenarios driven through QMP, a capture replayed with the native replay.
+board() {
+    local paths image
+    paths=$(bash scripts/board-image.sh build/board)
+    mapfile -t image <<<"$paths"
+    python3 tests/board/board_test.py "${image[@]}" build/board/work build/native/replay/hotplug_replay
+}
+
 stage setup bash scripts/setup.sh
 stage lint bash scripts/lint.sh
 stage native suite build/native --
 stage packaging bash scripts/check-packaging.sh build/native
 stage m32 suite build/m32 -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake
 stage armhf suite build/armhf -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake
+stage board board
 # valgrind and the sanitizers' runtimes do not mix: the storm test runs natively only.
 stage sys32 bash scripts/system-tests-32bit.sh m32 armhf
 stage asan suite build/asan -LE valgrind -- -DDHH_SANITIZE=address,undefined

@@ -13,7 +13,9 @@ set -euo pipefail
 source_dir=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=$(cd "${1:?usage: check-packaging.sh BUILD_DIR}" && pwd)
 daemon=$build_dir/daemon/device_hotplug_handler
-linter=$source_dir/../shared/tools/buildroot-check-package/check-package
+# Buildroot's utils/check-package: the copy beside the checkout in CI, or one
+# named by DHH_BUILDROOT_CHECK_PACKAGE; a bare clone has neither and skips it.
+linter=${DHH_BUILDROOT_CHECK_PACKAGE:-$source_dir/../shared/tools/buildroot-check-package/check-package}
 
 scratch=$(mktemp -d /tmp/dhh-packaging-XXXXXX)
 cleanup() {
@@ -34,7 +36,9 @@ done
 # Debian's python3, which has the linter's modules, whatever python3 is first on PATH.
 python=/usr/bin/python3
 "$python" -c 'import magic' 2>/dev/null || die "python3-magic is not installed (scripts/setup.sh installs it)"
-[ -f "$linter" ] || die "Buildroot's linter is not at $linter"
+if [ ! -f "$linter" ] && [ "${CI:-}" = true ]; then
+    die "Buildroot's linter is not at $linter"
+fi
 [ -x "$daemon" ] || die "no daemon in $build_dir: build it first"
 cache_value() { sed -n "s/^$1:[A-Z]*=//p" "$build_dir/CMakeCache.txt"; }
 version=$(cache_value CMAKE_PROJECT_VERSION)
@@ -117,9 +121,13 @@ cp -r "$source_dir"/packaging/buildroot/{external.desc,Config.in,external.mk} "$
 cp -r "$source_dir"/packaging/buildroot/package/device-hotplug-handler "$br/package/"
 install -m 0644 "$source_dir/packaging/sysvinit/device-hotplug-handler" \
     "$br/package/device-hotplug-handler/S50device_hotplug_handler"
-lint=$(cd "$br" && "$python" "$linter" -b external.desc Config.in external.mk package/device-hotplug-handler/* 2>&1) ||
-    fail "Buildroot's linter: $lint"
-grep -q '^0 warnings generated' <<<"$lint" || fail "Buildroot's linter: $lint"
+if [ -f "$linter" ]; then
+    lint=$(cd "$br" && "$python" "$linter" -b external.desc Config.in external.mk package/device-hotplug-handler/* 2>&1) ||
+        fail "Buildroot's linter: $lint"
+    grep -q '^0 warnings generated' <<<"$lint" || fail "Buildroot's linter: $lint"
+else
+    echo "SKIPPED: Buildroot's linter, not found at $linter; set DHH_BUILDROOT_CHECK_PACKAGE to Buildroot's utils/check-package to run it"
+fi
 
 # The recipes' own make and shell, run outside Buildroot: a stub for what the
 # package infrastructure would add.

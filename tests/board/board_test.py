@@ -141,24 +141,35 @@ class Scenarios:
                             f"a record /{pattern}/")
 
     def restart_by_init(self):
-        """SIGKILL the daemon; a stick plugged while it is down is mounted by the next scan."""
-        old = self.board.run("pidof device_hotplug_handler").strip()
-        # Hold init's respawn in its one-second sleep until the stick is in.
-        self.board.run(f"kill -9 {old}")
-        self.board.wait_for(lambda: self.board.shell("pidof sleep")[0] == 0, "the respawn's pause")
-        sleeper = self.board.run("pidof sleep").strip()
-        self.board.run(f"kill -STOP {sleeper}")
+        """SIGKILL the daemon: init starts it again; a stick plugged while it was
+        down is mounted by the scan of the next start."""
+        board = self.board
+        first = self.kill_daemon()
         killed = time.monotonic()
-        self.board.plug("stick", "usb-storage", "1.2", drive="stick")
-        self.board.wait_for(lambda: self.board.shell("test -e /sys/class/block/sda1")[0] == 0,
-                            "sda1 in sysfs")
+        self.wait_restart(first)
+        print(f"board: init restarted the daemon {time.monotonic() - killed:.1f} s after SIGKILL")
+
+        # Hold init's respawn in its one-second pause until the stick is in.
+        second = self.kill_daemon()
+        board.wait_for(lambda: board.shell("pidof sleep")[0] == 0, "the respawn's pause")
+        sleeper = board.run("pidof sleep").strip()
+        board.run(f"kill -STOP {sleeper}")
+        board.plug("stick", "usb-storage", "1.2", drive="stick")
+        board.wait_for(lambda: board.shell("test -e /sys/class/block/sda1")[0] == 0,
+                       "sda1 in sysfs")
         assert "/mnt/usb/sda1" not in self.mounts(), "mounted while the daemon was down"
-        self.board.run(f"kill -CONT {sleeper}")
-        self.board.wait_for(lambda: self.board.run("pidof device_hotplug_handler || true").strip()
-                            not in ("", old), "the restarted daemon")
-        print(f"board: daemon back {time.monotonic() - killed:.1f} s after the kill"
-              " (1 s of it held on purpose)")
+        board.run(f"kill -CONT {sleeper}")
+        self.wait_restart(second)
         self.wait_state("the stick mounted by the scan", lambda s: "/mnt/usb/sda1" in s.mounts)
+
+    def kill_daemon(self):
+        pid = self.board.run("pidof device_hotplug_handler").strip()
+        self.board.run(f"kill -9 {pid}")
+        return pid
+
+    def wait_restart(self, old):
+        self.board.wait_for(lambda: self.board.run("pidof device_hotplug_handler || true").strip()
+                            not in ("", old), "the daemon started again by init")
 
     def capture_replayed(self):
         """A capture taken on the board replays on the host with the same handler records."""

@@ -11,7 +11,9 @@ namespace {
 
 using Sandbox::Uevent;
 
-const std::string hub = "/devices/platform/ehci/usb1/1-1";
+// As the kernel names a hub behind an xHCI controller on PCI: components with
+// colons and dots stand above the USB bus.
+const std::string hub = "/devices/platform/3f000000.pcie/pci0000:00/0000:00:01.0/usb1/1-1";
 const std::string cascade = hub + "/1-1.6/1-1.6:1.0/net/eth1";
 const std::string info = "/ravo500/devs/cascade/ravo-casc-info";
 

@@ -232,6 +232,17 @@ bool readLineRecord(const Line& line, CaptureRecord& record)
         }
         return true;
     }
+    if (startsWith(text, "FILESYSTEMS ")) {
+        const auto fields = tokens(text.substr(12));
+        if (fields.size() != 1) {
+            throw CaptureFormatError(line.number, text,
+                                     "FILESYSTEMS line does not parse: expected FILESYSTEMS "
+                                     "CONTENT");
+        }
+        record.kind = CaptureRecord::Kind::Filesystems;
+        record.data = TextEscape::decode(fields[0]);
+        return true;
+    }
     if (startsWith(text, "#")) {
         record.kind = CaptureRecord::Kind::Comment;
         record.data = text.substr(startsWith(text, "# ") ? 2 : 1);

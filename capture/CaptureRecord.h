@@ -1,6 +1,6 @@
 // One record of a capture: a datagram as the kernel sent it, a loss the
-// socket reported, a sysfs link or file as the daemon would read it, or a
-// comment. The text form is CaptureWriter's and CaptureReader's business.
+// socket reported, a sysfs link or file as the daemon would read it, the
+// device's /proc/filesystems, or a comment. The text form is CaptureWriter's and CaptureReader's business.
 #pragma once
 
 #include <cstddef>
@@ -10,11 +10,11 @@
 namespace Capture {
 
 struct CaptureRecord {
-    enum class Kind { Datagram, Lost, SysfsLink, SysfsFile, Comment };
+    enum class Kind { Datagram, Lost, SysfsLink, SysfsFile, Filesystems, Comment };
 
     Kind kind = Kind::Comment;
     uint64_t timeUs = 0;      // Datagram, Lost: monotonic clock at reception
-    std::string data;         // the datagram, the file's content, the link's target, or text
+    std::string data;         // the datagram, a file's content, the link's target, or text
     std::string path;         // SysfsLink, SysfsFile: "/sys/..."
     size_t line = 0;          // where the reader found it
     bool fromUdevadm = false; // rebuilt from udevadm's rearranged form

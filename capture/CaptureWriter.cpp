@@ -124,6 +124,8 @@ std::string CaptureWriter::format(const CaptureRecord& record)
     case CaptureRecord::Kind::SysfsFile:
         return "SYSFS file " + TextEscape::field(record.path) +
                (record.data.empty() ? "" : " " + TextEscape::field(record.data)) + "\n";
+    case CaptureRecord::Kind::Filesystems:
+        return "FILESYSTEMS " + TextEscape::field(record.data) + "\n";
     case CaptureRecord::Kind::Comment: {
         // Free text for people: kept readable, only held on its line.
         std::string text = record.data;

@@ -123,4 +123,16 @@ std::vector<CaptureRecord> SysfsSnapshot::netInterface(const std::string& name)
     return records;
 }
 
+CaptureRecord SysfsSnapshot::procFilesystems()
+{
+    std::vector<CaptureRecord> records;
+    addFile("/proc/filesystems", records);
+    CaptureRecord record = records.back();
+    if (record.kind == CaptureRecord::Kind::SysfsFile) {
+        record.kind = CaptureRecord::Kind::Filesystems;
+        record.path.clear();
+    }
+    return record;
+}
+
 } // namespace Capture

@@ -16,6 +16,9 @@ class SysfsSnapshot {
 public:
     static std::vector<CaptureRecord> startupScan();
     static std::vector<CaptureRecord> netInterface(const std::string& name);
+    // The device's /proc/filesystems, whose types the daemon tries in its own
+    // order; a comment saying why when it cannot be read.
+    static CaptureRecord procFilesystems();
 };
 
 } // namespace Capture

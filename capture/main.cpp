@@ -136,6 +136,7 @@ void writePreamble(Output& output, int bufferBytes)
                    std::to_string(bufferBytes) + " bytes");
     output.comment(std::string("started ") + started + ", at " +
                    Capture::CaptureWriter::timeText(monotonicUs()) + " s of the monotonic clock");
+    output.write(Capture::SysfsSnapshot::procFilesystems());
 }
 
 int capture(const Capture::CaptureOptions& options)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <set>
+#include <sstream>
 
 namespace Replay {
 
@@ -98,11 +99,28 @@ ReplayPlan ReplayPlan::of(const std::vector<CaptureRecord>& records)
         } else if (record.kind == CaptureRecord::Kind::SysfsFile &&
                    fileValue(record.data, "DEVTYPE") == "partition") {
             addPartition(fileValue(record.data, "DEVNAME"), record, partitions);
+        } else if (record.kind == CaptureRecord::Kind::Filesystems) {
+            plan.deviceFilesystems = record.data;
         }
     }
     plan.partitions.assign(partitions.begin(), partitions.end());
     plan.portDirectories.assign(ports.begin(), ports.end());
     return plan;
+}
+
+std::vector<std::string> ReplayPlan::blockFilesystems(const std::string& procFilesystems)
+{
+    std::vector<std::string> types;
+    std::istringstream lines(procFilesystems);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string first;
+        std::string second;
+        if (words >> first && !(words >> second)) {
+            types.push_back(first);
+        }
+    }
+    return types;
 }
 
 } // namespace Replay

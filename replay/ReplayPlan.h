@@ -5,6 +5,7 @@
 
 #include "capture/CaptureRecord.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,10 +18,13 @@ struct ReplayPlan {
     size_t datagrams = 0;
     uint64_t spanUs = 0; // from the first datagram to the last
     bool fromUdevadm = false;
+    std::optional<std::string> deviceFilesystems; // the device's /proc/filesystems, if captured
 
     // Throws Capture::CaptureFormatError for a partition name that cannot be
     // a node under /dev (it would lead out of the sandbox's root).
     static ReplayPlan of(const std::vector<Capture::CaptureRecord>& records);
+    // The types of a /proc/filesystems text that mount a block device, in order.
+    static std::vector<std::string> blockFilesystems(const std::string& procFilesystems);
 };
 
 } // namespace Replay

@@ -4,6 +4,7 @@
 #include "replay/DeviceState.h"
 #include "sandbox/Namespaces.h"
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <linux/netlink.h>
@@ -48,6 +49,11 @@ ReplaySession::ReplaySession(std::vector<CaptureRecord> captured, Settings chose
     options.daemonPath = settings.daemonPath;
     options.portDirectories = replayPlan.portDirectories;
     options.cascadeDirectory = replayPlan.cascadeDirectory;
+    if (replayPlan.deviceFilesystems) {
+        // The device's list, so the daemon tries its types in the device's order.
+        options.procFilesystems = Sandbox::SimulatedDevice::ProcFilesystems::Custom;
+        options.procFilesystemsText = *replayPlan.deviceFilesystems;
+    }
     sandbox = std::make_unique<Sandbox::SimulatedDevice>(options);
     for (const auto& [name, device] : nodes) {
         sandbox->addDeviceNode(name, device);
@@ -84,6 +90,18 @@ void ReplaySession::start()
     settle();
 }
 
+void ReplaySession::showState(const std::string& heading) const
+{
+    const auto lines = state();
+    say("# state " + heading + ":");
+    for (const auto& line : lines) {
+        say(line);
+    }
+    if (lines.empty()) {
+        say("# nothing mounted under /mnt/usb, nothing under /ravo500/devs");
+    }
+}
+
 void ReplaySession::layDown(const CaptureRecord& record)
 {
     switch (record.kind) {
@@ -97,6 +115,8 @@ void ReplaySession::layDown(const CaptureRecord& record)
     case CaptureRecord::Kind::SysfsLink:
     case CaptureRecord::Kind::SysfsFile:
         sysfs->apply(record);
+        break;
+    case CaptureRecord::Kind::Filesystems: // shown to the daemon from its start
         break;
     case CaptureRecord::Kind::Datagram:
         break;
@@ -118,6 +138,15 @@ bool ReplaySession::sendNext()
             layDown(records[next]);
         }
         return false;
+    }
+    // Notes between datagrams open a step: the state the last one left comes first.
+    if (sent > 0 && std::any_of(records.begin() + static_cast<std::ptrdiff_t>(next),
+                                records.begin() + static_cast<std::ptrdiff_t>(datagram),
+                                [](const CaptureRecord& note) {
+                                    return note.kind == CaptureRecord::Kind::Comment;
+                                })) {
+        settle();
+        showState("now");
     }
     const CaptureRecord& record = records[datagram];
     waitForTurn(record);

@@ -46,6 +46,8 @@ public:
     // Waits until the daemon has handled everything sent so far.
     void settle();
     std::vector<std::string> state() const;
+    // Prints the state under "# state HEADING:".
+    void showState(const std::string& heading) const;
     // SIGTERM, as an operator would; the daemon's exit status.
     int stop();
     Sandbox::SimulatedDevice& device() { return *sandbox; }

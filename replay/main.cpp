@@ -7,6 +7,7 @@
 #include "replay/ReplaySession.h"
 #include "sandbox/Namespaces.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -65,6 +66,41 @@ void checkInputs(const Replay::ReplayOptions& options, const Replay::ReplayPlan&
     }
 }
 
+std::string joined(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const auto& word : words) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
+// The daemon sees the device's list; what this kernel lacks of it fails to
+// mount here and the daemon goes on to the next type, as on a device.
+void describeFilesystems(const std::string& deviceList)
+{
+    const auto device = Replay::ReplayPlan::blockFilesystems(deviceList);
+    std::ifstream hostFile("/proc/filesystems");
+    std::ostringstream hostList;
+    hostList << hostFile.rdbuf();
+    const auto host = Replay::ReplayPlan::blockFilesystems(hostList.str());
+    std::vector<std::string> lacking;
+    for (const auto& type : device) {
+        if (std::find(host.begin(), host.end(), type) == host.end()) {
+            lacking.push_back(type);
+        }
+    }
+    std::printf("   /proc/filesystems: the device's, as captured: %s\n", joined(device).c_str());
+    if (!lacking.empty()) {
+        std::printf("   this workstation's kernel cannot mount %s: the daemon's attempts with them "
+                    "fail here, and it goes on to the next type as on the device\n",
+                    joined(lacking).c_str());
+    }
+    if (std::find(device.begin(), device.end(), "ext4") == device.end()) {
+        std::printf("   the device offers no ext4: the stand-in ext4 images will not mount\n");
+    }
+}
+
 int replay(const Replay::ReplayOptions& options)
 {
     const std::string text = readWhole(options.capture, "capture");
@@ -105,19 +141,16 @@ int replay(const Replay::ReplayOptions& options)
                     image == options.images.end() ? "an empty ext4 file system"
                                                   : ("the image " + image->second).c_str());
     }
+    if (plan.deviceFilesystems) {
+        describeFilesystems(*plan.deviceFilesystems);
+    }
     Replay::ReplaySession session(records, settings);
     session.start();
     while (session.sendNext()) {
     }
     session.settle();
     const auto state = session.state();
-    std::printf("# state after the replay:\n");
-    for (const auto& line : state) {
-        std::printf("%s\n", line.c_str());
-    }
-    if (state.empty()) {
-        std::printf("# nothing mounted under /mnt/usb, nothing under /ravo500/devs\n");
-    }
+    session.showState("after the replay");
     const int status = session.stop();
     std::printf("# the daemon stopped on SIGTERM with exit status %d\n", status);
     std::fflush(stdout);

@@ -210,7 +210,7 @@ def handler_records(lines):
     records = []
     for line in lines:
         match = re.search(r"\[(Debug|Info|Warn|Error)\] HotplugHandlerThread: (.*)", line)
-        if match and "filesystem types" not in match.group(2):
+        if match:
             records.append(f"[{match.group(1)}] {match.group(2)}")
     return records
 

@@ -26,7 +26,7 @@ const char* ReplayOptions::usage()
            "                      [--image NAME=FILE]... [--address ethN=MAC]...\n"
            "  CAPTURE              hotplug_capture's output or pasted udevadm monitor\n"
            "                       --kernel --property output; - reads standard input\n"
-           "  --daemon BINARY      the daemon to run (default: this build's)\n"
+           "  --daemon BINARY      the daemon to run (default: this build's, else the installed one)\n"
            "  --fast               send each datagram once the daemon has taken the one before\n"
            "  --expect STATE       compare the final state with STATE; exit 1 with a diff\n"
            "  --image NAME=FILE    the file system image behind partition NAME (read-only)\n"

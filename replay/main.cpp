@@ -66,6 +66,12 @@ void checkInputs(const Replay::ReplayOptions& options, const Replay::ReplayPlan&
     }
 }
 
+// The daemon built beside this program, or, once installed, the installed one.
+std::string defaultDaemon()
+{
+    return access(DHH_DAEMON_PATH, X_OK) == 0 ? DHH_DAEMON_PATH : DHH_INSTALLED_DAEMON_PATH;
+}
+
 std::string joined(const std::vector<std::string>& words)
 {
     std::string text;
@@ -175,7 +181,7 @@ int main(int argc, char** argv)
 {
     Replay::ReplayOptions options;
     try {
-        options = Replay::ReplayOptions::parse(argc, argv, DHH_DAEMON_PATH);
+        options = Replay::ReplayOptions::parse(argc, argv, defaultDaemon());
         if (options.help) {
             std::fputs(Replay::ReplayOptions::usage(), stdout);
             return 0;

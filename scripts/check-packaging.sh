@@ -30,7 +30,7 @@ fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 has() { grep "$@" >/dev/null; }
 die() { echo "FAIL: $*"; exit 1; }
 [ "$(id -u)" -eq 0 ] || die "needs root (a private mount namespace hides qemu-user)"
-for tool in readelf strings man systemd-analyze systemd-tmpfiles busybox make cc unshare flake8; do
+for tool in readelf strings man mandoc systemd-analyze systemd-tmpfiles busybox make cc unshare flake8; do
     command -v "$tool" >/dev/null || die "$tool is not installed (scripts/setup.sh installs it)"
 done
 # Debian's python3, which has the linter's modules, whatever python3 is first on PATH.
@@ -77,9 +77,12 @@ fi
 strings "$installed" | has -x "device_hotplug_handler $version" ||
     fail "strings does not show \"device_hotplug_handler $version\" in the installed daemon"
 
-echo "--- man page"
-warnings=$(MANWIDTH=80 man --warnings -l "$dest/usr/share/man/man8/device_hotplug_handler.8" 2>&1 >/dev/null)
-[ -z "$warnings" ] || fail "man page warnings: $warnings"
+echo "--- man pages: man and mandoc's lint find nothing to warn about"
+for page in "$source_dir"/docs/*.[1-8]; do
+    warnings=$(MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null)
+    [ -z "$warnings" ] || fail "$(basename "$page"): man warns: $warnings"
+    warnings=$(mandoc -Tlint -Wwarning "$page" 2>&1) || fail "$(basename "$page"): mandoc: $warnings"
+done
 
 echo "--- systemd unit"
 unit=$dest/usr/lib/systemd/system/device-hotplug-handler.service
@@ -243,6 +246,16 @@ done
 ports=$(sed -n 's|^d /ravo500/devs/\(usb[^ ]*\) .*|\1|p' "$scratch/device/armhf/packaging/device-hotplug-handler.conf" \
     2>/dev/null | tr '\n' ' ')
 [ "$ports" = "usb1-2 usb2-4 " ] || fail "Buildroot's port directories reach tmpfiles.d as \"$ports\""
+
+echo "--- hotplug_replay configures and installs alone, without GoogleTest"
+if ! configure=$(cmake -S "$source_dir" -B "$scratch/replay" -DBUILD_TESTING=OFF -DDHH_BUILD_REPLAY=ON \
+        -DDHH_GOOGLETEST_SOURCE_DIR=/nonexistent 2>&1); then
+    fail "replay-alone configure: $configure"
+fi
+for installed in '/bin" TYPE EXECUTABLE FILES .*/hotplug_replay"' '/man1" TYPE FILE FILES .*/hotplug_replay\.1"'; do
+    grep -q "$installed" "$scratch/replay/replay/cmake_install.cmake" 2>/dev/null ||
+        fail "the replay-alone build does not install what matches $installed"
+done
 
 echo "--- recipes name what the project and the install tree have"
 for recipe in "$source_dir"/packaging/buildroot/package/*/* "$source_dir"/packaging/yocto/*.bb; do

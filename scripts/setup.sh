@@ -4,14 +4,15 @@
 set -euo pipefail
 
 # qemu-system-arm, dosfstools, kmod and cpio: the emulated board (scripts/board-image.sh).
-# python3-magic and flake8: Buildroot's package linter (scripts/check-packaging.sh).
+# python3-magic and flake8: Buildroot's package linter; mandoc: the man pages' lint
+# (scripts/check-packaging.sh).
 # g++-12-multilib rather than g++-multilib: the latter conflicts with the ARM
 # cross compiler (cmake/toolchain-m32.cmake makes up for the header it carries).
 packages=(cmake g++ g++-12-multilib g++-arm-linux-gnueabihf googletest libgtest-dev
           libbenchmark-dev qemu-user qemu-user-static clang clang-tidy clang-format cppcheck
           libclang-rt-14-dev valgrind busybox shellcheck systemd man-db groff-base
           e2fsprogs fdisk util-linux mount iproute2 make python3-magic flake8
-          qemu-system-arm dosfstools kmod cpio python3)
+          qemu-system-arm dosfstools kmod cpio python3 mandoc)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

@@ -58,7 +58,6 @@ TEST(OsalThread, RunsFromStartUntilRunIsLeftAndAnEscapingExceptionEndsOnlyTheThr
     shared.started.lock();
     EXPECT_FALSE(thread.start(&shared)) << "refused while the earlier thread runs";
     shared.gate.unlock();
-    thread.setName("thrower");
     while (thread.isRunning()) {
         OsalThread::yield();
     }
@@ -68,7 +67,7 @@ TEST(OsalThread, RunsFromStartUntilRunIsLeftAndAnEscapingExceptionEndsOnlyTheThr
     EXPECT_FALSE(thread.isRunning());
     EXPECT_EQ(TestSupport::CapturedSyslog::takeTexts(),
               std::vector<std::string>{
-                  "[Error] OsalThread: Unhandled exception in thread thrower: disk on fire"});
+                  "[Error] OsalThread: Unhandled exception in thread: disk on fire"});
 }
 
 TEST(OsalThread, StopOrDestructionCancelsAWaitOnASemaphoreAndLeavesItUsable)

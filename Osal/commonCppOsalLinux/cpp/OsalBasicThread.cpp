@@ -26,6 +26,13 @@ void reportUnhandled(const std::string& text)
     pthread_setcancelstate(oldState, nullptr);
 }
 
+// "thread NAME", or "thread" alone for an unnamed one (the daemon's handler).
+std::string describe(const OsalThread& thread)
+{
+    const std::string name = thread.getName();
+    return name.empty() ? "thread" : "thread " + name;
+}
+
 } // namespace
 
 // The cancellation's forced unwinding has no exception object, so catching it
@@ -53,9 +60,9 @@ __attribute__((no_sanitize("null"))) void* OsalBasicThread::threadFunctionPrivat
         throw;
     } catch (const std::exception& error) {
         // Ends this thread only; the owner learns of it through isRunning().
-        reportUnhandled("Unhandled exception in thread " + self->getName() + ": " + error.what());
+        reportUnhandled("Unhandled exception in " + describe(*self) + ": " + error.what());
     } catch (...) {
-        reportUnhandled("Unhandled unknown exception in thread " + self->getName());
+        reportUnhandled("Unhandled unknown exception in " + describe(*self));
     }
     self->setRunning(false);
     return nullptr;

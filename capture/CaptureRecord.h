@@ -1,6 +1,7 @@
 // One record of a capture: a datagram as the kernel sent it, a loss the
 // socket reported, a sysfs link or file as the daemon would read it, the
-// device's /proc/filesystems, or a comment. The text form is CaptureWriter's and CaptureReader's business.
+// device's /proc/filesystems, or a comment. The text form is CaptureWriter's and CaptureReader's
+// business.
 #pragma once
 
 #include <cstddef>

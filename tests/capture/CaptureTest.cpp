@@ -93,22 +93,22 @@ TEST(ReplayTool, ShowsTheDevicesFilesystemsAndTheStateAfterEachStep)
     output.resize(fread(&output[0], 1, output.size(), pipe));
     ASSERT_EQ(WEXITSTATUS(pclose(pipe)), 0) << output;
     size_t at = 0;
-    for (const char* expected : {
-             "/proc/filesystems: the device's, as captured: ext3 ext2 ext4 vfat msdos",
-             "Mount supports the following filesystem types: ext3 ext2 ext4 vfat msdos",
-             "# state now:\nlink /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/003\n"
-             "mount /mnt/usb/sda1 ext4 ro,",
-             "link /ravo500/devs/usb1-3/uart1 -> /dev/ttyUSB1",
-             "file /ravo500/devs/cascade/ravo-casc-info 00:0e:c6:8a:3f:12%eth1\\x0a",
-             "# The Ethernet adapter comes out",
-             "# state now:\nlink /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/003\n"
-             "mount /mnt/usb/sda1 ext4 ro,",
-             "# The USB stick comes out",
-             "# state after the replay:\n# nothing mounted under /mnt/usb, nothing under "
-             "/ravo500/devs"}) {
+    for (const char* expected :
+         {"/proc/filesystems: the device's, as captured: ext3 ext2 ext4 vfat msdos",
+          "Mount supports the following filesystem types: ext3 ext2 ext4 vfat msdos",
+          "# state now:\nlink /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/003\n"
+          "mount /mnt/usb/sda1 ext4 ro,",
+          "link /ravo500/devs/usb1-3/uart1 -> /dev/ttyUSB1",
+          "file /ravo500/devs/cascade/ravo-casc-info 00:0e:c6:8a:3f:12%eth1\\x0a",
+          "# The Ethernet adapter comes out",
+          "# state now:\nlink /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/003\n"
+          "mount /mnt/usb/sda1 ext4 ro,",
+          "# The USB stick comes out",
+          "# state after the replay:\n# nothing mounted under /mnt/usb, nothing under "
+          "/ravo500/devs"}) {
         const size_t found = output.find(expected, at);
-        ASSERT_NE(found, std::string::npos) << "not after offset " << at << ": " << expected
-                                            << "\n" << output;
+        ASSERT_NE(found, std::string::npos) << "not after offset " << at << ": " << expected << "\n"
+                                            << output;
         at = found;
     }
 }

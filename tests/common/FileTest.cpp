@@ -1,6 +1,10 @@
 // Binary files: whole transfers through interrupted and short reads and
 // writes, offsets past 2 GiB also in the 32-bit build; no descriptor left open.
+// File helpers and byte arrays at their edges: a copy as long as its source,
+// a move that outlasts a busy destination, no index past the end.
+#include "common/container/ByteArray.h"
 #include "common/file/BinaryFile.h"
+#include "common/file/FileUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +14,13 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sched.h>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -122,6 +132,71 @@ TEST_F(FileTest, ReadAndWriteRetryInterruptedAndShortTransfers)
     for (const int fd : {in[0], in[1], out[0], out[1]}) {
         close(fd);
     }
+}
+
+TEST_F(FileTest, CopiesAsLongAsTheSourceAndRefusesTheIndexPastTheEnd)
+{
+    for (const size_t size : {0, 1, 1024, 1500, 3000}) { // around the copy's 1 KiB blocks
+        std::string content;
+        for (size_t i = 0; i < size; ++i) {
+            content += static_cast<char>('a' + i % 23);
+        }
+        std::ofstream(dir + "/source", std::ios::binary) << content;
+        FileUtil::copyFile(dir + "/source", dir + "/copy");
+        EXPECT_TRUE(readFile(dir + "/copy") == content) << size << " bytes";
+    }
+    const struct {
+        uint32_t size, index;
+        bool refused;
+    } rows[] = {{0, 0, true}, {3, 2, false}, {3, 3, true}};
+    for (const auto& row : rows) {
+        Common::Container::ByteArray array;
+        array.resize(row.size);
+        bool refused = false;
+        try {
+            array.at(row.index) = 1;
+        } catch (const std::out_of_range&) {
+            refused = true;
+        }
+        EXPECT_EQ(refused, row.refused) << "index " << row.index << " of " << row.size;
+    }
+}
+
+TEST_F(FileTest, MoveOutlastsABusyDestination)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root: the destination is a tmpfs mount in a namespace of its own";
+    }
+    const std::string source = dir + "/source", target = dir + "/busy";
+    ASSERT_EQ(mkdir(source.c_str(), 0700) | mkdir(target.c_str(), 0700), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        // rename() onto a mount point fails with EBUSY until it is unmounted.
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("busy", target.c_str(), "tmpfs", 0, nullptr) != 0) {
+            _exit(77);
+        }
+        // Released after the first attempts, well before the 500 ms of retries end.
+        std::thread release([&] {
+            usleep(150000);
+            umount2(target.c_str(), MNT_DETACH);
+        });
+        int status = 0;
+        try {
+            FileUtil::moveFile(source, target);
+        } catch (const std::exception&) {
+            status = 1;
+        }
+        release.join();
+        _exit(status);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WEXITSTATUS(status) == 77) {
+        GTEST_SKIP() << "no mount namespace of its own here (qemu-user runs threads of its own)";
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "moveFile gave up while the destination was busy";
 }
 
 } // namespace

@@ -1,11 +1,14 @@
 // Threads as the daemon uses them: counted as running from start() until run()
-// is left, whatever way, and stopped by cancellation out of a semaphore wait.
+// is left, whatever way, and stopped by cancellation out of a semaphore wait;
+// suspending the others leaves a thread that opted out at work.
 #include "Osal/OsalThread.h"
 #include "Osal/commonCppOsalLinux/cpp/OsalLockAutomatically.h"
 #include "tests/support/CapturedSyslog.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -18,6 +21,7 @@ struct Shared {
     OsalSemaphore started{0}, gate{0};
     int runs = 0;
     bool unwound = false;
+    std::atomic<int> laps{0};
 };
 
 // The body is a plain function, so nothing it uses dies with the derived part
@@ -95,6 +99,35 @@ TEST(OsalThread, StopOrDestructionCancelsAWaitOnASemaphoreAndLeavesItUsable)
         shared.gate.unlock();
         waiter.join();
     }
+}
+
+TEST(OsalThread, SuspendingTheOthersSparesAThreadThatOptedOut)
+{
+    const auto lapping = [](TestThread& self, Shared& s) {
+        s.started.unlock();
+        while (!self.isStopRequested()) { // where a suspended thread parks
+            ++s.laps;
+            OsalThread::yield();
+        }
+    };
+    Shared parkedState, sparedState;
+    TestThread parked(lapping), spared(lapping);
+    spared.doSuspend = false;
+    ASSERT_TRUE(parked.start(&parkedState) && spared.start(&sparedState));
+    parkedState.started.lock();
+    sparedState.started.lock();
+    OsalThread::suspendOtherThreads(nullptr);
+    const int from = sparedState.laps;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (sparedState.laps < from + 100 && std::chrono::steady_clock::now() < deadline) {
+        OsalThread::yield();
+    }
+    EXPECT_GE(sparedState.laps, from + 100) << "the thread that opted out was parked too";
+    OsalThread::resumeAllThreads();
+    parked.stop();
+    spared.stop();
+    parked.join();
+    spared.join();
 }
 
 } // namespace

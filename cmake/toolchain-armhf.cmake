@@ -4,11 +4,12 @@
 # device build needs no emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
-set(DHH_ARM_TRIPLET arm-linux-gnueabihf)
+set(DHH_ARM_TRIPLET arm-linux-gnueabihf CACHE STRING "The cross toolchain's prefix")
 set(CMAKE_C_COMPILER ${DHH_ARM_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${DHH_ARM_TRIPLET}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${DHH_ARM_TRIPLET})
-set(DHH_ARM_SYSROOT /usr/${DHH_ARM_TRIPLET})
+# An integrator's own sysroot: -DDHH_ARM_SYSROOT=/path.
+set(DHH_ARM_SYSROOT /usr/${DHH_ARM_TRIPLET} CACHE PATH "Where the target's libraries and headers are")
 
 set(CMAKE_FIND_ROOT_PATH ${DHH_ARM_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

@@ -186,7 +186,7 @@ for init in buildroot-busybox buildroot-sysv yocto-sysvinit yocto-busybox; do
                 [ "$init" = yocto-busybox ] && action='::respawn:'
                 # What BitBake expands before the shell runs.
                 D=$target bb -c "$(sed -e 's|${sysconfdir}|/etc|g' -e 's|${sbindir}|/usr/sbin|g' \
-                    -e "s|\${DHH_RESPAWN_ACTION}|$action|g" <<<"$yocto_postinst")" ;;
+                    -e "s|\${@[^}]*}|$action|g" <<<"$yocto_postinst")" ;;
         esac || fail "$init: the inittab step failed (run $run)"
     done
     lines=$(grep -c 'device_hotplug_handler' "$target/etc/inittab" || true)
@@ -201,6 +201,26 @@ for init in buildroot-busybox buildroot-sysv yocto-sysvinit yocto-busybox; do
     bb "$scratch/init-$init" start >/dev/null
     [ "$(running_standins)" -eq 0 ] || fail "$init: the init script started a daemon that init owns"
 done
+
+echo "--- Yocto recipe: the rules of oelint-adv (not packaged for Debian) that it once broke"
+recipe=$(echo "$source_dir"/packaging/yocto/*.bb)
+for variable in HOMEPAGE SRC_URI; do
+    has -q "^$variable = " "$recipe" || fail "the recipe has no $variable"
+done
+! has -qE '^inherit .*externalsrc' "$recipe" || fail "the recipe inherits externalsrc: that is local.conf's"
+files_line=$(grep -n '^FILES:' "$recipe" | head -n 1 | cut -d: -f1)
+rdepends_line=$(grep -n '^RDEPENDS:' "$recipe" | head -n 1 | cut -d: -f1)
+if [ -z "$files_line" ] || [ -z "$rdepends_line" ] || [ "$files_line" -gt "$rdepends_line" ]; then
+    fail "the recipe's FILES must come before its RDEPENDS"
+fi
+has -q 'busybox-inittab' "$recipe" || fail "under BusyBox init the recipe does not pull in /etc/inittab"
+has -q '^FILES:${PN}-capture = .*hotplug_capture' "$recipe" || fail "hotplug_capture is not a package of its own"
+for recipe_file in "$recipe" "$source_dir"/packaging/buildroot/package/*/*.mk; do
+    has -q 'DHH_BUILD_CAPTURE=OFF' "$recipe_file" || fail "$(basename "$recipe_file") cannot leave the capture tool out"
+done
+minimum=$(sed -n 's/^cmake_minimum_required(VERSION \([0-9]*\)\.\([0-9]*\)).*/\1_\2/p' "$source_dir/CMakeLists.txt")
+has -q "select BR2_HOST_CMAKE_AT_LEAST_$minimum" "$source_dir"/packaging/buildroot/package/*/Config.in ||
+    fail "Buildroot's package does not select a host CMake of at least ${minimum/_/.}"
 
 echo "--- init script under BusyBox: a stale pid file and a reused pid"
 init_script /nonexistent >"$scratch/init"
@@ -218,6 +238,9 @@ cp "$pidfile" "$scratch/standin.pid"
 bb "$scratch/init" status >/dev/null || fail "status after start says not running"
 if bb "$scratch/init" start >/dev/null; then fail "a second start did not refuse"; fi
 [ "$(running_standins)" -eq 1 ] || fail "a second start started a second daemon"
+bb "$scratch/init" force-reload >/dev/null || fail "force-reload, which Debian's tools send, failed"
+[ "$(running_standins)" -eq 1 ] || fail "force-reload left $(running_standins) daemons"
+cp "$pidfile" "$scratch/standin.pid"
 bb "$scratch/init" stop >/dev/null || fail "stop failed"
 kill -0 "$unrelated" 2>/dev/null || fail "stop killed the unrelated process that reused the pid"
 [ "$(running_standins)" -eq 0 ] || fail "stop left the daemon running"

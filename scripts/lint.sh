@@ -9,7 +9,7 @@ dir=build/lint
 jobs=$(nproc)
 
 echo "--- shellcheck"
-git ls-files '*.sh' .ci/run packaging/sysvinit/device-hotplug-handler tests/board/rcS \
+git ls-files '*.sh' .ci/run packaging/sysvinit/device-hotplug-handler tests/board/rcS packaging/openrc/device-hotplug-handler \
     tests/board/board-agent | xargs shellcheck
 
 echo "--- flake8"

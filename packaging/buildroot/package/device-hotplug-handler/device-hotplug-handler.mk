@@ -22,6 +22,12 @@ DEVICE_HOTPLUG_HANDLER_CONF_OPTS = \
 
 DEVICE_HOTPLUG_HANDLER_PORT_DIRECTORIES = \
 	$(call qstrip,$(BR2_PACKAGE_DEVICE_HOTPLUG_HANDLER_PORT_DIRECTORIES))
+ifeq ($(BR2_PACKAGE_DEVICE_HOTPLUG_HANDLER_CAPTURE),y)
+DEVICE_HOTPLUG_HANDLER_CONF_OPTS += -DDHH_BUILD_CAPTURE=ON
+else
+DEVICE_HOTPLUG_HANDLER_CONF_OPTS += -DDHH_BUILD_CAPTURE=OFF
+endif
+
 ifneq ($(DEVICE_HOTPLUG_HANDLER_PORT_DIRECTORIES),)
 DEVICE_HOTPLUG_HANDLER_CONF_OPTS += \
 	-DDHH_PORT_DIRECTORIES="$(DEVICE_HOTPLUG_HANDLER_PORT_DIRECTORIES)"
@@ -31,6 +37,13 @@ endif
 define DEVICE_HOTPLUG_HANDLER_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 0755 $(@D)/packaging/sysvinit/device-hotplug-handler \
 		$(TARGET_DIR)/etc/init.d/S50device_hotplug_handler
+endef
+
+# OpenRC would fall back to the SysV script, which restarts nothing:
+# supervise-daemon respawns it instead.
+define DEVICE_HOTPLUG_HANDLER_INSTALL_INIT_OPENRC
+	$(INSTALL) -D -m 0755 $(@D)/packaging/openrc/device-hotplug-handler \
+		$(TARGET_DIR)/etc/init.d/device-hotplug-handler
 endef
 
 # The daemon exits by design and relies on a restart: init respawns it, one

@@ -251,6 +251,49 @@ bool readLineRecord(const Line& line, CaptureRecord& record)
     return false;
 }
 
+// Mail and issue trackers quote a paste with "> " and leave blanks at line
+// ends; both can be undone without guessing. hotplug_capture's own files are
+// taken as they stand: a value there may end in a blank.
+std::string repairPaste(std::vector<Line>& lines)
+{
+    const auto quoted = [&] {
+        bool any = false;
+        for (const auto& line : lines) {
+            if (!line.text.empty() && line.text[0] != '>') {
+                return false;
+            }
+            any = any || !line.text.empty();
+        }
+        return any;
+    };
+    int quoteLevels = 0;
+    for (; quoted(); ++quoteLevels) {
+        for (auto& line : lines) {
+            line.text.erase(0, startsWith(line.text, "> ") ? 2 : line.text.empty() ? 0 : 1);
+        }
+    }
+    size_t trimmed = 0;
+    if (lines.empty() || !startsWith(lines[0].text, "# hotplug_capture ")) {
+        for (auto& line : lines) {
+            const size_t end = line.text.find_last_not_of(" \t");
+            const size_t keep = end == std::string::npos ? 0 : end + 1;
+            if (keep < line.text.size()) {
+                line.text.erase(keep);
+                ++trimmed;
+            }
+        }
+    }
+    std::string note;
+    if (quoteLevels > 0) {
+        note = "the paste was quoted with \"> \": the quote marks were removed";
+    }
+    if (trimmed > 0) {
+        note += (note.empty() ? "" : "; ") + std::string("blanks at the end of ") +
+                std::to_string(trimmed) + " lines were removed";
+    }
+    return note;
+}
+
 } // namespace
 
 CaptureFormatError::CaptureFormatError(size_t line, std::string lineText,
@@ -265,9 +308,14 @@ bool CaptureReader::startsRecord(const std::string& line)
     return startsWith(line, "KERNEL[") || isUdevHeader(line);
 }
 
-std::vector<CaptureRecord> CaptureReader::read(const std::string& text)
+std::vector<CaptureRecord> CaptureReader::read(const std::string& text,
+                                               std::vector<std::string>* notes)
 {
-    const auto lines = splitLines(text);
+    auto lines = splitLines(text);
+    const std::string note = repairPaste(lines);
+    if (!note.empty() && notes != nullptr) {
+        notes->push_back(note);
+    }
     std::vector<CaptureRecord> records;
     size_t index = 0;
     while (index < lines.size()) {

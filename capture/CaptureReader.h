@@ -30,8 +30,12 @@ public:
     // MINOR moved behind SEQNUM) is turned back into the kernel's datagram.
     // Throws CaptureFormatError for a header that does not parse, an entry
     // without "=", a record cut short (without the keys every uevent has) or
-    // a sysfs path outside /sys.
-    static std::vector<CaptureRecord> read(const std::string& text);
+    // a sysfs path outside /sys. A paste quoted as mail quotes ("> " before
+    // every line) is unquoted, and outside hotplug_capture's own files the
+    // blanks that pasting leaves at line ends are dropped; notes, when given,
+    // says so for the user.
+    static std::vector<CaptureRecord> read(const std::string& text,
+                                           std::vector<std::string>* notes = nullptr);
     // Whether the line opens a KERNEL record or one of udev's UDEV records.
     static bool startsRecord(const std::string& line);
 };

@@ -64,6 +64,7 @@ public:
     Output& operator=(const Output&) = delete;
 
     void write(const CaptureRecord& record) { writeText(Capture::CaptureWriter::format(record)); }
+    unsigned long bytes() const { return written; }
     void comment(const std::string& text)
     {
         CaptureRecord record;
@@ -80,20 +81,22 @@ public:
 
 private:
     int fd = STDOUT_FILENO;
+    unsigned long written = 0;
 
     void writeText(const std::string& text)
     {
         size_t done = 0;
         while (done < text.size()) {
-            const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-            if (written < 0 && errno == EINTR) {
+            const ssize_t count = ::write(fd, text.data() + done, text.size() - done);
+            if (count < 0 && errno == EINTR) {
                 continue;
             }
-            if (written <= 0) {
+            if (count <= 0) {
                 throw std::system_error(errno, std::generic_category(), "cannot write the capture");
             }
-            done += static_cast<size_t>(written);
+            done += static_cast<size_t>(count);
         }
+        written += text.size();
     }
 };
 
@@ -115,6 +118,27 @@ int blockStopSignals()
     // A closed pipe shows as a failed write instead.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     return fd;
+}
+
+// Room kept for the closing lines (a LOST line and the end), so the capture
+// stays within its limit and still says why it ended.
+constexpr unsigned long closingBytes = 512;
+
+bool fits(const Output& output, const std::vector<CaptureRecord>& batch, unsigned long maxBytes)
+{
+    if (maxBytes == 0) {
+        return true;
+    }
+    unsigned long total = output.bytes() + closingBytes;
+    for (const auto& record : batch) {
+        total += Capture::CaptureWriter::format(record).size();
+    }
+    return total <= maxBytes;
+}
+
+std::string sizeLimit(unsigned long maxBytes)
+{
+    return "the size limit (" + std::to_string(maxBytes) + " bytes)";
 }
 
 void writePreamble(Output& output, int bufferBytes)
@@ -145,10 +169,15 @@ int capture(const Capture::CaptureOptions& options)
     const int signalFd = blockStopSignals();
     Capture::UeventSocket socket;
     writePreamble(output, socket.receiveBufferBytes());
+    std::string reason;
     if (options.sysfs) {
         // After the bind: what changes while sysfs is read arrives as events.
         output.comment("sysfs as the daemon's start-up scan reads it");
         for (const auto& record : Capture::SysfsSnapshot::startupScan()) {
+            if (!fits(output, {record}, options.maxBytes)) {
+                reason = sizeLimit(options.maxBytes);
+                break;
+            }
             output.write(record);
         }
     }
@@ -162,7 +191,6 @@ int capture(const Capture::CaptureOptions& options)
     loss.kind = CaptureRecord::Kind::Lost;
     loss.data = "datagrams lost: the receive buffer overflowed (ENOBUFS) after those above "
                 "had arrived";
-    std::string reason;
     while (reason.empty()) {
         int timeoutMs = -1;
         if (deadline != 0) {
@@ -194,13 +222,18 @@ int capture(const Capture::CaptureOptions& options)
                 continue;
             }
             // Written ahead of the event: a replay lays the file down before it sends the event.
+            std::vector<CaptureRecord> batch;
             if (record.value("ACTION") == "add" && record.value("SUBSYSTEM") == "net") {
-                for (const auto& file :
-                     Capture::SysfsSnapshot::netInterface(record.value("INTERFACE"))) {
-                    output.write(file);
-                }
+                batch = Capture::SysfsSnapshot::netInterface(record.value("INTERFACE"));
             }
-            output.write(record);
+            batch.push_back(record);
+            if (!fits(output, batch, options.maxBytes)) {
+                reason = sizeLimit(options.maxBytes);
+                break;
+            }
+            for (const auto& entry : batch) {
+                output.write(entry);
+            }
             if (++written == options.count) {
                 reason = "count reached";
             }

@@ -1,5 +1,6 @@
 #include "replay/ReplayOptions.h"
 
+#include <getopt.h>
 #include <stdexcept>
 
 namespace Replay {
@@ -37,35 +38,50 @@ const char* ReplayOptions::usage()
 
 ReplayOptions ReplayOptions::parse(int argc, char** argv, const std::string& defaultDaemon)
 {
+    enum : int { daemonOption = 1000, fastOption, expectOption, imageOption, addressOption };
+    static const option longOptions[] = {{"daemon", required_argument, nullptr, daemonOption},
+                                         {"fast", no_argument, nullptr, fastOption},
+                                         {"expect", required_argument, nullptr, expectOption},
+                                         {"image", required_argument, nullptr, imageOption},
+                                         {"address", required_argument, nullptr, addressOption},
+                                         {"help", no_argument, nullptr, 'h'},
+                                         {nullptr, 0, nullptr, 0}};
     ReplayOptions options;
     options.daemon = defaultDaemon;
-    for (int index = 1; index < argc; ++index) {
-        const std::string option = argv[index];
-        const auto argument = [&]() {
-            if (index + 1 >= argc) {
-                throw std::invalid_argument(option + " needs an argument");
-            }
-            return std::string(argv[++index]);
-        };
-        if (option == "--daemon") {
-            options.daemon = argument();
-        } else if (option == "--fast") {
+    optind = 0; // a fresh scan, also when called again
+    opterr = 0; // the messages below are ours
+    for (int letter; (letter = getopt_long(argc, argv, ":h", longOptions, nullptr)) != -1;) {
+        switch (letter) {
+        case daemonOption:
+            options.daemon = optarg;
+            break;
+        case fastOption:
             options.fast = true;
-        } else if (option == "--expect") {
-            options.expect = argument();
-        } else if (option == "--image") {
-            addPair(option, argument(), options.images);
-        } else if (option == "--address") {
-            addPair(option, argument(), options.addresses);
-        } else if (option == "-h" || option == "--help") {
+            break;
+        case expectOption:
+            options.expect = optarg;
+            break;
+        case imageOption:
+            addPair("--image", optarg, options.images);
+            break;
+        case addressOption:
+            addPair("--address", optarg, options.addresses);
+            break;
+        case 'h':
             options.help = true;
-        } else if (option.size() > 1 && option[0] == '-') {
-            throw std::invalid_argument("unknown option \"" + option + "\"");
-        } else if (options.capture.empty()) {
-            options.capture = option;
-        } else {
-            throw std::invalid_argument("one capture at a time, not also \"" + option + "\"");
+            break;
+        case ':':
+            throw std::invalid_argument(std::string(argv[optind - 1]) + " needs an argument");
+        default:
+            throw std::invalid_argument("unknown option \"" + std::string(argv[optind - 1]) + "\"");
         }
+    }
+    if (optind < argc) {
+        options.capture = argv[optind++];
+    }
+    if (optind < argc) {
+        throw std::invalid_argument("one capture at a time, not also \"" +
+                                    std::string(argv[optind]) + "\"");
     }
     if (options.capture.empty() && !options.help) {
         throw std::invalid_argument("which capture?");

@@ -111,9 +111,10 @@ int replay(const Replay::ReplayOptions& options)
 {
     const std::string text = readWhole(options.capture, "capture");
     std::vector<Capture::CaptureRecord> records;
+    std::vector<std::string> notes;
     Replay::ReplayPlan plan;
     try {
-        records = Capture::CaptureReader::read(text);
+        records = Capture::CaptureReader::read(text, &notes);
         plan = Replay::ReplayPlan::of(records);
     } catch (const Capture::CaptureFormatError& error) {
         std::string message = options.capture + ": " + error.what();
@@ -121,6 +122,14 @@ int replay(const Replay::ReplayOptions& options)
             message += "\n    " + error.lineText();
         }
         throw BadInput(message + "\nnothing was replayed");
+    }
+    if (plan.datagrams == 0) {
+        throw BadInput(options.capture + ": no datagram could be read from it (a capture of " +
+                       "hotplug_capture, or udevadm monitor --kernel --property output, is " +
+                       "wanted)\nnothing was replayed");
+    }
+    for (const auto& note : notes) {
+        std::fprintf(stderr, "hotplug_replay: %s: %s\n", options.capture.c_str(), note.c_str());
     }
     checkInputs(options, plan);
     std::vector<std::string> expected;

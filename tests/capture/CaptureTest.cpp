@@ -65,13 +65,50 @@ TEST(CaptureText, BadInputIsRefusedWithItsLine)
     }
 }
 
+TEST(CaptureText, PastesQuotedAsMailOrWithTrailingBlanksReadAsTheyWere)
+{
+    const std::string paste = "KERNEL[12.5] add      /d/sda1 (block)\nACTION=add\n"
+                              "DEVPATH=/d/sda1\nSUBSYSTEM=block\nDEVNAME=/dev/sda1\n"
+                              "DEVTYPE=partition\nSEQNUM=7\nMAJOR=8\nMINOR=1\n\n";
+    // Each line with a prefix, and with blanks before its end (empty lines as mail leaves them).
+    const auto edited = [&](const std::string& mark, const std::string& tail) {
+        std::string out;
+        for (size_t start = 0; start < paste.size();) {
+            const size_t end = paste.find('\n', start);
+            const std::string line = paste.substr(start, end - start);
+            out += (line.empty() ? mark.substr(0, 1) : mark + line + tail) + "\n";
+            start = end + 1;
+        }
+        return out;
+    };
+    std::string own = "# hotplug_capture 1.0\n" + paste; // a value may end in a blank there
+    own.insert(own.find("\nSUBSYSTEM"), " ");
+    for (const auto& [text, devpath, note] : Rows<std::string, const char*, const char*>{
+             {edited("> ", ""), "/d/sda1", "quoted with \"> \": the quote marks were removed"},
+             {edited(">> ", "  "), "/d/sda1", "blanks at the end of 9 lines were removed"},
+             {own, "/d/sda1 ", ""}}) {
+        std::vector<std::string> notes;
+        const auto records = CaptureReader::read(text, &notes);
+        ASSERT_FALSE(records.empty()) << text;
+        EXPECT_EQ(records.back().value("DEVPATH"), devpath) << text;
+        const std::string said = notes.empty() ? "" : notes[0];
+        EXPECT_TRUE(*note == '\0' ? said.empty() : said.find(note) != std::string::npos)
+            << said << "\n"
+            << text;
+    }
+}
+
 TEST(CaptureTool, ReportsBadOptionsAndEndsOnItsLimit)
 {
     for (const auto& [arguments, status, message] : Rows<const char*, int, const char*>{
              {"--count 0", 2, "--count needs a whole number above 0, not \"0\""},
              {"--bogus", 2, "unknown option \"--bogus\""},
              {"-o /nonexistent/capture", 1, "cannot open /nonexistent/capture"},
-             {"--duration=1 -o /dev/null", 0, "written to /dev/null (time limit)"}}) {
+             {"--duration=1 -o /dev/null", 0, "written to /dev/null (time limit)"},
+             {"-t1 -o/dev/null -- extra", 2, "unexpected argument \"extra\""},
+             {"-s 15K", 2, "-s needs at least 16K"},
+             {"-t5 --sysfs -s 16K -o /tmp/dhh-capture-limit", 0,
+              "(the size limit (16384 bytes))"}}) {
         FILE* pipe = popen((std::string(DHH_CAPTURE_PATH " ") + arguments + " 2>&1").c_str(), "r");
         std::string output(4096, '\0');
         output.resize(fread(&output[0], 1, output.size(), pipe));
@@ -88,6 +125,11 @@ TEST(ReplayTool, ShowsTheDevicesFilesystemsAndTheStateAfterEachStep)
     if (!Sandbox::Namespaces::canRun(why) || !Sandbox::LoopDisk::available(why)) {
         GTEST_SKIP() << "needs root, namespaces and loop devices: " << why;
     }
+    FILE* empty = popen(DHH_REPLAY_PATH " /dev/null 2>&1", "r");
+    char said[256] = "";
+    const size_t saidLength = fread(said, 1, sizeof(said) - 1, empty);
+    EXPECT_EQ(WEXITSTATUS(pclose(empty)), 2)
+        << "a file without a datagram passed: " << std::string(said, saidLength);
     FILE* pipe = popen(DHH_REPLAY_PATH " --fast " DHH_DEMO_CAPTURE " 2>&1", "r");
     std::string output(1 << 16, '\0');
     output.resize(fread(&output[0], 1, output.size(), pipe));

@@ -4,8 +4,9 @@
 // partition table are LoopDisk's shape, not this one's.
 #pragma once
 
-#include "sandbox/UniqueFd.h"
+#include "sandbox/LoopDevice.h"
 
+#include <memory>
 #include <string>
 #include <sys/types.h>
 
@@ -19,14 +20,12 @@ public:
     ImageLoop(const ImageLoop&) = delete;
     ImageLoop& operator=(const ImageLoop&) = delete;
 
-    dev_t device() const { return number; }
+    dev_t device() const { return loop->device(); }
 
 private:
-    std::string nodeDirectory; // own nodes: the host's /dev may lack the new device's
-    Sandbox::UniqueFd loopFd;
-    dev_t number = 0;
+    std::string nodeDirectory;
+    std::unique_ptr<Sandbox::LoopDevice> loop;
 
-    std::string makeNode(const std::string& name, const std::string& sysfsDevFile, mode_t type);
     void removeNodes() noexcept;
 };
 

@@ -18,22 +18,6 @@
 
 namespace Sandbox {
 
-namespace {
-
-dev_t deviceNumber(const std::string& sysfsDevFile)
-{
-    std::ifstream file(sysfsDevFile);
-    std::string text;
-    unsigned major = 0;
-    unsigned minor = 0;
-    if (!std::getline(file, text) || std::sscanf(text.c_str(), "%u:%u", &major, &minor) != 2) {
-        throw std::runtime_error("LoopDisk: no MAJOR:MINOR in " + sysfsDevFile);
-    }
-    return makedev(major, minor);
-}
-
-} // namespace
-
 LoopDisk::LoopDisk(const std::vector<Partition>& layout) : partitions(layout)
 {
     if (layout.empty() || layout.size() > 4) {
@@ -54,7 +38,7 @@ LoopDisk::LoopDisk(const std::vector<Partition>& layout) : partitions(layout)
             throw systemError("LoopDisk: creating the sparse image " + image);
         }
         Command::run({"sfdisk", "-q", image}, script);
-        attach(image);
+        loop = std::make_unique<LoopDevice>(workDirectory, image, false);
         // The loop device holds the data from now on; its memory goes with the device.
         unlink(image.c_str());
         addPartitions();
@@ -121,100 +105,43 @@ void LoopDisk::removeWorkDirectory() noexcept
     workDirectory.clear();
 }
 
-// Own nodes instead of the host's /dev: it may be a private tmpfs (the test
-// main's) or a container's, where new loop devices get no node.
-void LoopDisk::makeNode(const std::string& name, const std::string& sysfsDevFile) const
-{
-    const std::string path = node(name);
-    const mode_t type = name == "loop-control" ? S_IFCHR : S_IFBLK;
-    if (mknod(path.c_str(), type | 0600, deviceNumber(sysfsDevFile)) != 0 && errno != EEXIST) {
-        throw systemError("LoopDisk: mknod " + path);
-    }
-}
-
-void LoopDisk::attach(const std::string& imagePath)
-{
-    makeNode("loop-control", "/sys/class/misc/loop-control/dev");
-    UniqueFd control(open(node("loop-control").c_str(), O_RDWR | O_CLOEXEC));
-    if (!control.valid()) {
-        throw systemError("LoopDisk: open " + node("loop-control"));
-    }
-    UniqueFd backing(open(imagePath.c_str(), O_RDWR | O_CLOEXEC));
-    if (!backing.valid()) {
-        throw systemError("LoopDisk: open " + imagePath);
-    }
-    constexpr int attempts = 16;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        const int number = ioctl(control.get(), LOOP_CTL_GET_FREE);
-        if (number < 0) {
-            throw systemError("LoopDisk: ioctl(LOOP_CTL_GET_FREE)");
-        }
-        const std::string name = "loop" + std::to_string(number);
-        makeNode(name, "/sys/class/block/" + name + "/dev");
-        UniqueFd fd(open(node(name).c_str(), O_RDWR | O_CLOEXEC));
-        if (!fd.valid()) {
-            throw systemError("LoopDisk: open " + node(name));
-        }
-        loop_config config{};
-        config.fd = static_cast<__u32>(backing.get());
-        // Should the test process die, the kernel detaches the device once nothing holds it.
-        config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-        imagePath.copy(reinterpret_cast<char*>(config.info.lo_file_name), LO_NAME_SIZE - 1);
-        if (ioctl(fd.get(), LOOP_CONFIGURE, &config) == 0) {
-            loopName = name;
-            loopFd = std::move(fd);
-            return;
-        }
-        if (errno != EBUSY) {
-            throw systemError("LoopDisk: ioctl(LOOP_CONFIGURE) on " + name);
-        }
-        // Another process took the device between the two calls: ask for the next.
-    }
-    throw std::runtime_error("LoopDisk: no free loop device after " + std::to_string(attempts) +
-                             " attempts");
-}
-
 void LoopDisk::addPartitions()
 {
     // Partitions left by a test process that died on this device make "partx -a" fail.
-    const std::string prefix = loopName + "p";
-    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block/" + loopName)) {
+    const std::string prefix = name() + "p";
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block/" + name())) {
         if (entry.path().filename().string().compare(0, prefix.size(), prefix) == 0) {
-            Command::run({"partx", "-d", node(loopName)});
+            Command::run({"partx", "-d", node(name())});
             break;
         }
     }
     // The kernel's own scan ("losetup -P") does not add them everywhere; partx does.
-    Command::run({"partx", "-a", node(loopName)});
+    Command::run({"partx", "-a", node(name())});
     for (size_t number = 1; number <= partitions.size(); ++number) {
-        makeNode(partitionName(number), "/sys/class/block/" + partitionName(number) + "/dev");
+        LoopDevice::makeNode(workDirectory, partitionName(number),
+                             "/sys/class/block/" + partitionName(number) + "/dev", S_IFBLK);
     }
 }
 
 void LoopDisk::detach() noexcept
 {
-    if (!loopFd.valid()) {
+    if (!loop) {
         return;
     }
     try {
-        Command::run({"partx", "-d", node(loopName)});
+        Command::run({"partx", "-d", node(name())});
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "LoopDisk: removing the partitions of %s: %s\n", loopName.c_str(),
+        std::fprintf(stderr, "LoopDisk: removing the partitions of %s: %s\n", name().c_str(),
                      error.what());
     }
-    // With others still holding the device this only defers the detach (autoclear).
-    if (ioctl(loopFd.get(), LOOP_CLR_FD) != 0) {
-        std::fprintf(stderr, "LoopDisk: ioctl(LOOP_CLR_FD) on %s: %s\n", loopName.c_str(),
-                     std::strerror(errno));
-    }
-    loopFd.reset();
+    loop.reset();
 }
 
 const LoopDisk::Partition& LoopDisk::partition(size_t number) const
 {
     if (number < 1 || number > partitions.size()) {
         throw std::out_of_range("LoopDisk: no partition " + std::to_string(number) + " on " +
-                                loopName);
+                                name());
     }
     return partitions[number - 1];
 }
@@ -222,12 +149,12 @@ const LoopDisk::Partition& LoopDisk::partition(size_t number) const
 std::string LoopDisk::partitionName(size_t number) const
 {
     partition(number);
-    return loopName + "p" + std::to_string(number);
+    return name() + "p" + std::to_string(number);
 }
 
 dev_t LoopDisk::partitionDevice(size_t number) const
 {
-    return deviceNumber("/sys/class/block/" + partitionName(number) + "/dev");
+    return LoopDevice::deviceNumber("/sys/class/block/" + partitionName(number) + "/dev");
 }
 
 std::string LoopDisk::partitionDevpath(size_t number) const

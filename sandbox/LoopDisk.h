@@ -7,8 +7,9 @@
 // Declare it before the Sandbox that uses it: the sandbox must unmount first.
 #pragma once
 
-#include "sandbox/UniqueFd.h"
+#include "sandbox/LoopDevice.h"
 
+#include <memory>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -31,7 +32,7 @@ public:
     // Whether loop devices and the tools are there; false with the reason.
     static bool available(std::string& why);
 
-    const std::string& name() const { return loopName; } // "loop3"
+    const std::string& name() const { return loop->name(); } // "loop3"
     size_t partitionCount() const { return partitions.size(); }
     // Partitions count from 1, as the kernel numbers them.
     std::string partitionName(size_t number) const; // "loop3p1"
@@ -44,14 +45,11 @@ public:
 
 private:
     std::string workDirectory; // tmpfs with the image and the device nodes
-    std::string loopName;
-    UniqueFd loopFd; // held open so that the device stays ours, see attach()
+    std::unique_ptr<LoopDevice> loop;
     std::vector<Partition> partitions;
 
     std::string node(const std::string& name) const { return workDirectory + "/" + name; }
     void makeWorkDirectory();
-    void makeNode(const std::string& name, const std::string& sysfsDevFile) const;
-    void attach(const std::string& imagePath);
     void addPartitions();
     void detach() noexcept;
     void removeWorkDirectory() noexcept;

@@ -1,5 +1,7 @@
 #include "capture/CaptureOptions.h"
 
+#include "capture/GetoptRefusal.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -110,10 +112,8 @@ CaptureOptions CaptureOptions::parse(int argc, char** argv)
         case 'h':
             options.help = true;
             break;
-        case ':':
-            throw std::invalid_argument(std::string(argv[optind - 1]) + " needs an argument");
         default:
-            throw std::invalid_argument("unknown option \"" + std::string(argv[optind - 1]) + "\"");
+            throw Capture::getoptRefusal(letter, argv);
         }
     }
     if (optind < argc) {

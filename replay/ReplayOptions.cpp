@@ -1,5 +1,7 @@
 #include "replay/ReplayOptions.h"
 
+#include "capture/GetoptRefusal.h"
+
 #include <getopt.h>
 #include <stdexcept>
 
@@ -70,10 +72,8 @@ ReplayOptions ReplayOptions::parse(int argc, char** argv, const std::string& def
         case 'h':
             options.help = true;
             break;
-        case ':':
-            throw std::invalid_argument(std::string(argv[optind - 1]) + " needs an argument");
         default:
-            throw std::invalid_argument("unknown option \"" + std::string(argv[optind - 1]) + "\"");
+            throw Capture::getoptRefusal(letter, argv);
         }
     }
     if (optind < argc) {

@@ -218,6 +218,12 @@ has -q '^FILES:${PN}-capture = .*hotplug_capture' "$recipe" || fail "hotplug_cap
 for recipe_file in "$recipe" "$source_dir"/packaging/buildroot/package/*/*.mk; do
     has -q 'DHH_BUILD_CAPTURE=OFF' "$recipe_file" || fail "$(basename "$recipe_file") cannot leave the capture tool out"
 done
+openrc=$source_dir/packaging/openrc/device-hotplug-handler
+has -q '^DEVICE_HOTPLUG_HANDLER_INSTALL_INIT_OPENRC\|^define DEVICE_HOTPLUG_HANDLER_INSTALL_INIT_OPENRC' \
+    "$source_dir"/packaging/buildroot/package/*/*.mk || fail "Buildroot with OpenRC falls back to the SysV script"
+for setting in '^supervisor=supervise-daemon$' '^respawn_delay=1$' '^respawn_max=0$' '^command=/usr/sbin/device_hotplug_handler$'; do
+    has -q "$setting" "$openrc" || fail "the OpenRC script lacks $setting"
+done
 minimum=$(sed -n 's/^cmake_minimum_required(VERSION \([0-9]*\)\.\([0-9]*\)).*/\1_\2/p' "$source_dir/CMakeLists.txt")
 has -q "select BR2_HOST_CMAKE_AT_LEAST_$minimum" "$source_dir"/packaging/buildroot/package/*/Config.in ||
     fail "Buildroot's package does not select a host CMake of at least ${minimum/_/.}"

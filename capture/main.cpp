@@ -14,6 +14,7 @@
 #include <ctime>
 #include <exception>
 #include <fcntl.h>
+#include <numeric>
 #include <poll.h>
 #include <stdexcept>
 #include <string>
@@ -129,10 +130,11 @@ bool fits(const Output& output, const std::vector<CaptureRecord>& batch, unsigne
     if (maxBytes == 0) {
         return true;
     }
-    unsigned long total = output.bytes() + closingBytes;
-    for (const auto& record : batch) {
-        total += Capture::CaptureWriter::format(record).size();
-    }
+    const unsigned long total =
+        std::accumulate(batch.begin(), batch.end(), output.bytes() + closingBytes,
+                        [](unsigned long sum, const CaptureRecord& record) {
+                            return sum + Capture::CaptureWriter::format(record).size();
+                        });
     return total <= maxBytes;
 }
 

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <linux/netlink.h>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -199,24 +198,8 @@ void ReplaySession::waitForTurn(const CaptureRecord& datagram)
 // The daemon has taken every datagram once its socket's receive queue is empty.
 bool ReplaySession::socketDrained() const
 {
-    const pid_t pid = sandbox->pid();
-    std::ifstream table("/proc/" + std::to_string(pid) + "/net/netlink");
-    std::string line;
-    std::getline(table, line); // header
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        std::string socket;
-        std::string groups;
-        int protocol = -1;
-        unsigned long port = 0;
-        unsigned long queued = 0;
-        fields >> socket >> protocol >> port >> groups >> queued;
-        if (fields && protocol == NETLINK_KOBJECT_UEVENT &&
-            port == static_cast<unsigned long>(pid)) {
-            return queued == 0;
-        }
-    }
-    return false;
+    const auto socket = sandbox->ueventSocket();
+    return socket && socket->queuedBytes == 0;
 }
 
 void ReplaySession::checkAlive(const std::string& when)

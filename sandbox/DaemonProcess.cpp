@@ -6,15 +6,16 @@
 #include <fcntl.h>
 #include <fstream>
 #include <linux/netlink.h>
+#include <linux/sched.h>
 #include <poll.h>
 #include <sched.h>
 #include <sstream>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 namespace Sandbox {
 
@@ -25,7 +26,10 @@ enum Step {
     DeathSignal,
     ParentGone,
     EnterNetwork,
+    NewSession,
     Redirect,
+    MountProc,
+    BindFilesystems,
     ChangeRoot,
     ChangeDirectory,
     Execute,
@@ -34,7 +38,10 @@ enum Step {
 const char* const stepNames[StepCount] = {"prctl(PR_SET_PDEATHSIG)",
                                           "parent ended before the start",
                                           "setns(CLONE_NEWNET)",
+                                          "setsid",
                                           "dup2 of stdin/stdout/stderr",
+                                          "mount proc",
+                                          "bind over /proc/filesystems",
                                           "chroot",
                                           "chdir(/)",
                                           "exec"};
@@ -43,11 +50,96 @@ struct Report {
     int error;
 };
 
+// Everything the child needs, made before the clone: after it, the child may
+// only make plain system calls.
+struct ChildPlan {
+    int statusFd = -1;
+    int parentFd = -1; // a pidfd of the parent, readable once it has ended
+    int networkFd = -1;
+    int devNullFd = -1;
+    int outputFd = -1;
+    int binaryFd = -1;
+    const char* root = nullptr;
+    std::string proc;
+    std::string procFilesystems;
+    std::string filesystemsFile;
+    char** argv = nullptr;
+    char** launchArgv = nullptr;
+    char** environment = nullptr;
+    sigset_t noSignals{};
+};
+
 [[noreturn]] void fail(int statusFd, Step step)
 {
     const Report report{step, errno};
     (void)!write(statusFd, &report, sizeof(report));
     _exit(127);
+}
+
+// A fresh procfs: one of the process's own PID namespace, and the chosen
+// /proc/filesystems over it. An earlier run's procfs goes first.
+void mountProc(const ChildPlan& plan)
+{
+    if (umount2(plan.proc.c_str(), MNT_DETACH) != 0 && errno != EINVAL) {
+        fail(plan.statusFd, MountProc);
+    }
+    if (mount("proc", plan.proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+        fail(plan.statusFd, MountProc);
+    }
+    if (!plan.filesystemsFile.empty() && mount(plan.filesystemsFile.c_str(),
+                                               plan.procFilesystems.c_str(), nullptr, MS_BIND,
+                                               nullptr) != 0) {
+        fail(plan.statusFd, BindFilesystems);
+    }
+}
+
+[[noreturn]] void runChild(const ChildPlan& plan)
+{
+    // A test that dies must not leave its daemon running.
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+        fail(plan.statusFd, DeathSignal);
+    }
+    pollfd parent{plan.parentFd, POLLIN, 0};
+    if (poll(&parent, 1, 0) != 0) {
+        fail(plan.statusFd, ParentGone);
+    }
+    if (plan.networkFd >= 0 && setns(plan.networkFd, CLONE_NEWNET) != 0) {
+        fail(plan.statusFd, EnterNetwork);
+    }
+    // As an init system starts it: a session of its own, away from the terminal's Ctrl-C.
+    if (setsid() < 0) {
+        fail(plan.statusFd, NewSession);
+    }
+    if (dup2(plan.devNullFd, 0) < 0 || dup2(plan.outputFd, 1) < 0 || dup2(plan.outputFd, 2) < 0) {
+        fail(plan.statusFd, Redirect);
+    }
+    mountProc(plan);
+    if (chroot(plan.root) != 0) {
+        fail(plan.statusFd, ChangeRoot);
+    }
+    if (chdir("/") != 0) {
+        fail(plan.statusFd, ChangeDirectory);
+    }
+    // No inherited mask, ignored signals or descriptors.
+    umask(022);
+    sigprocmask(SIG_SETMASK, &plan.noSignals, nullptr);
+    struct sigaction defaultAction {};
+    defaultAction.sa_handler = SIG_DFL;
+    for (int number = 1; number < NSIG; ++number) {
+        sigaction(number, &defaultAction, nullptr);
+    }
+    close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+    if (plan.launchArgv != nullptr) {
+        execve(plan.launchArgv[0], plan.launchArgv, plan.environment);
+        fail(plan.statusFd, Execute);
+    }
+    fexecve(plan.binaryFd, plan.argv, plan.environment);
+    // The kernel does not hand a binary behind a close-on-exec descriptor to
+    // a binfmt_misc interpreter (qemu, for the 32-bit build): keep it open.
+    if (errno == ENOENT && fcntl(plan.binaryFd, F_SETFD, 0) == 0) {
+        fexecve(plan.binaryFd, plan.argv, plan.environment);
+    }
+    fail(plan.statusFd, Execute);
 }
 
 UniqueFd openOrThrow(const std::string& path, int flags, mode_t mode = 0)
@@ -59,6 +151,16 @@ UniqueFd openOrThrow(const std::string& path, int flags, mode_t mode = 0)
     return fd;
 }
 
+std::vector<char*> pointers(std::vector<std::string>& strings)
+{
+    std::vector<char*> result;
+    for (auto& text : strings) {
+        result.push_back(text.data());
+    }
+    result.push_back(nullptr);
+    return result;
+}
+
 } // namespace
 
 DaemonProcess::DaemonProcess(const Launch& launch)
@@ -66,6 +168,10 @@ DaemonProcess::DaemonProcess(const Launch& launch)
     const UniqueFd binary = openOrThrow(launch.binaryPath, O_PATH);
     const UniqueFd devNull = openOrThrow("/dev/null", O_RDWR);
     const UniqueFd output = openOrThrow(launch.outputPath, O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const UniqueFd parent(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)));
+    if (!parent.valid()) {
+        throw systemError("DaemonProcess: pidfd_open of this process");
+    }
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
         throw systemError("DaemonProcess: pipe2");
@@ -73,72 +179,49 @@ DaemonProcess::DaemonProcess(const Launch& launch)
     UniqueFd statusRead(ends[0]);
     UniqueFd statusWrite(ends[1]);
 
-    // Built before fork: the child may only make plain system calls.
-    std::string name = launch.binaryPath.substr(launch.binaryPath.rfind('/') + 1);
-    char* argv[] = {name.data(), nullptr};
+    std::vector<std::string> argumentStrings{
+        launch.binaryPath.substr(launch.binaryPath.rfind('/') + 1)};
+    argumentStrings.insert(argumentStrings.end(), launch.arguments.begin(),
+                           launch.arguments.end());
+    std::vector<char*> argv = pointers(argumentStrings);
     std::vector<std::string> launchStrings = launch.launcher;
     launchStrings.push_back(launch.insideBinaryPath);
-    std::vector<char*> launchArgv;
-    for (auto& argument : launchStrings) {
-        launchArgv.push_back(argument.data());
-    }
-    launchArgv.push_back(nullptr);
-    const bool launched = !launch.launcher.empty();
+    std::vector<char*> launchArgv = pointers(launchStrings);
     char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
     char* environment[] = {path, nullptr};
-    sigset_t noSignals;
-    sigemptyset(&noSignals);
-    struct sigaction defaultAction {};
-    defaultAction.sa_handler = SIG_DFL;
-    const pid_t parent = getpid();
 
-    processId = fork();
+    ChildPlan plan;
+    plan.statusFd = statusWrite.get();
+    plan.parentFd = parent.get();
+    plan.networkFd = launch.networkNamespaceFd;
+    plan.devNullFd = devNull.get();
+    plan.outputFd = output.get();
+    plan.binaryFd = binary.get();
+    plan.root = launch.rootDirectory.c_str();
+    plan.proc = launch.rootDirectory + "/proc";
+    plan.procFilesystems = plan.proc + "/filesystems";
+    plan.filesystemsFile = launch.procFilesystems;
+    plan.argv = argv.data();
+    plan.launchArgv = launch.launcher.empty() ? nullptr : launchArgv.data();
+    plan.environment = environment;
+    sigemptyset(&plan.noSignals);
+
+    clone_args args{};
+    int cloneFd = -1;
+    args.flags = CLONE_PIDFD | (launch.ownProcessNamespace ? CLONE_NEWPID : 0);
+    args.pidfd = reinterpret_cast<uintptr_t>(&cloneFd);
+    args.exit_signal = SIGCHLD;
+    // Like fork(), but straight into the new namespace and with a pidfd from the start.
+    processId = static_cast<pid_t>(syscall(SYS_clone3, &args, sizeof(args)));
     if (processId < 0) {
-        throw systemError("DaemonProcess: fork");
+        throw systemError("DaemonProcess: clone3");
     }
     if (processId == 0) {
-        const int statusFd = statusWrite.get();
-        // A test that dies must not leave its daemon running.
-        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
-            fail(statusFd, DeathSignal);
-        }
-        if (getppid() != parent) {
-            fail(statusFd, ParentGone);
-        }
-        if (launch.networkNamespaceFd >= 0 && setns(launch.networkNamespaceFd, CLONE_NEWNET) != 0) {
-            fail(statusFd, EnterNetwork);
-        }
-        if (dup2(devNull.get(), 0) < 0 || dup2(output.get(), 1) < 0 || dup2(output.get(), 2) < 0) {
-            fail(statusFd, Redirect);
-        }
-        if (chroot(launch.rootDirectory.c_str()) != 0) {
-            fail(statusFd, ChangeRoot);
-        }
-        if (chdir("/") != 0) {
-            fail(statusFd, ChangeDirectory);
-        }
-        // As an init system starts it: no inherited mask, ignored signals or descriptors.
-        umask(022);
-        sigprocmask(SIG_SETMASK, &noSignals, nullptr);
-        for (int number = 1; number < NSIG; ++number) {
-            sigaction(number, &defaultAction, nullptr);
-        }
-        close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-        if (launched) {
-            execve(launchArgv[0], launchArgv.data(), environment);
-            fail(statusFd, Execute);
-        }
-        fexecve(binary.get(), argv, environment);
-        // The kernel does not hand a binary behind a close-on-exec descriptor to
-        // a binfmt_misc interpreter (qemu, for the 32-bit build): keep it open.
-        if (errno == ENOENT && fcntl(binary.get(), F_SETFD, 0) == 0) {
-            fexecve(binary.get(), argv, environment);
-        }
-        fail(statusFd, Execute);
+        runChild(plan);
     }
+    pidFd.reset(cloneFd);
+    pidInside = launch.ownProcessNamespace ? 1 : processId;
     statusWrite.reset();
-    pidFd.reset(static_cast<int>(syscall(SYS_pidfd_open, processId, 0)));
-    const int pidFdError = errno;
     Report report{};
     ssize_t length;
     while ((length = read(statusRead.get(), &report, sizeof(report))) < 0 && errno == EINTR) {
@@ -153,11 +236,6 @@ DaemonProcess::DaemonProcess(const Launch& launch)
         }
         throw std::runtime_error("DaemonProcess: starting " + launch.binaryPath +
                                  ": no report from the child");
-    }
-    if (!pidFd.valid()) {
-        kill(processId, SIGKILL);
-        reap(true);
-        throw systemError("DaemonProcess: pidfd_open", pidFdError);
     }
 }
 
@@ -224,25 +302,50 @@ bool DaemonProcess::isAlive()
     return !reaped;
 }
 
-bool DaemonProcess::listensForUevents() const
+std::vector<DaemonProcess::NetlinkSocket> DaemonProcess::netlinkSockets(pid_t pid)
 {
     // The file lists the sockets of the process's own network namespace.
-    std::ifstream table("/proc/" + std::to_string(processId) + "/net/netlink");
+    const std::string path = "/proc/" + std::to_string(pid) + "/net/netlink";
+    std::ifstream table(path);
     std::string line;
-    std::getline(table, line); // header
+    if (!std::getline(table, line)) { // header: sk Eth Pid Groups Rmem Wmem ...
+        throw std::runtime_error("DaemonProcess: cannot read " + path);
+    }
+    std::vector<NetlinkSocket> sockets;
     while (std::getline(table, line)) {
         std::istringstream fields(line);
-        std::string socket;
-        int protocol = -1;
-        unsigned long port = 0;
-        unsigned long groups = 0;
-        fields >> socket >> protocol >> port >> std::hex >> groups;
-        if (fields && protocol == NETLINK_KOBJECT_UEVENT &&
-            port == static_cast<unsigned long>(processId) && (groups & 1) != 0) {
-            return true;
+        std::string address;
+        NetlinkSocket socket;
+        fields >> address >> socket.protocol >> socket.port >> std::hex >> socket.groups >>
+            std::dec >> socket.queuedBytes;
+        if (fields) {
+            sockets.push_back(socket);
         }
     }
-    return false;
+    return sockets;
+}
+
+std::optional<DaemonProcess::NetlinkSocket> DaemonProcess::ueventSocket() const
+{
+    std::vector<NetlinkSocket> sockets;
+    try {
+        sockets = netlinkSockets(processId);
+    } catch (const std::runtime_error&) {
+        return std::nullopt; // ended meanwhile
+    }
+    for (const auto& socket : sockets) {
+        if (socket.protocol == NETLINK_KOBJECT_UEVENT &&
+            socket.port == static_cast<unsigned long>(pidInside)) {
+            return socket;
+        }
+    }
+    return std::nullopt;
+}
+
+bool DaemonProcess::listensForUevents() const
+{
+    const auto socket = ueventSocket();
+    return socket && (socket->groups & 1U) != 0;
 }
 
 } // namespace Sandbox

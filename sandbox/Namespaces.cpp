@@ -22,6 +22,9 @@ namespace {
 
 bool entered = false;
 
+const std::pair<const char*, unsigned> memoryDevices[] = {{"null", 3}, {"zero", 5}, {"urandom", 9}};
+const char* const fdLinkName = "fd";
+
 // Unknown counts as shared: unsharing once more is the safe side.
 bool sharesParentsMountNamespace()
 {
@@ -87,17 +90,25 @@ void Namespaces::enterPrivateMountNamespace()
     entered = true;
 }
 
+std::vector<std::string> Namespaces::devEntries()
+{
+    std::vector<std::string> names{fdLinkName};
+    for (const auto& [name, minor] : memoryDevices) {
+        names.emplace_back(name);
+    }
+    return names;
+}
+
 void Namespaces::populateDev(const std::string& devDirectory)
 {
-    for (const auto& [name, minor] :
-         {std::pair<const char*, unsigned>{"null", 3}, {"zero", 5}, {"urandom", 9}}) {
+    for (const auto& [name, minor] : memoryDevices) {
         const std::string node = devDirectory + "/" + name;
         if (mknod(node.c_str(), S_IFCHR | 0666, makedev(1, minor)) != 0) {
             throw systemError("Namespaces::populateDev: mknod " + node);
         }
     }
     // As udev makes it; a binfmt_misc interpreter (qemu) opens programs there.
-    const std::string fdLink = devDirectory + "/fd";
+    const std::string fdLink = devDirectory + "/" + fdLinkName;
     if (symlink("/proc/self/fd", fdLink.c_str()) != 0) {
         throw systemError("Namespaces::populateDev: symlink " + fdLink);
     }

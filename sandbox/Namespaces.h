@@ -6,6 +6,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace Sandbox {
 
@@ -22,6 +23,8 @@ public:
     // Makes the nodes every program expects in /dev (null, zero, urandom)
     // and the fd link in the given directory; throws std::runtime_error.
     static void populateDev(const std::string& devDirectory);
+    // The names populateDev makes.
+    static std::vector<std::string> devEntries();
 
     // Whether this process may build sandboxes (root, mount namespaces, a user
     // and network namespace); false with the reason in `why`. Changes nothing

@@ -110,16 +110,12 @@ void SimulatedDevice::layOut()
     }
 }
 
-// A real procfs, as on the device (sanitizer runtimes also read /proc/self);
-// a chosen /proc/filesystems is bound over the kernel's own.
+// Each start of the daemon mounts a procfs of its own there (DaemonProcess);
+// a chosen /proc/filesystems is prepared here and bound over the kernel's.
 void SimulatedDevice::layOutProc()
 {
     makeDirectory("/proc", 0555);
-    const std::string proc = path("/proc");
-    if (mount("proc", proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
-        throw systemError("SimulatedDevice: mount proc on " + proc);
-    }
-    std::string replacement = baseDirectory + "/filesystems";
+    const std::string replacement = baseDirectory + "/filesystems";
     if (options.procFilesystems == ProcFilesystems::Custom) {
         std::ofstream file(replacement, std::ios::binary);
         file << options.procFilesystemsText;
@@ -140,10 +136,7 @@ void SimulatedDevice::layOutProc()
     } else {
         return;
     }
-    const std::string target = proc + "/filesystems";
-    if (mount(replacement.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-        throw systemError("SimulatedDevice: bind " + replacement + " on " + target);
-    }
+    procFilesystemsFile = replacement;
 }
 
 void SimulatedDevice::makeDirectory(const std::string& insidePath, mode_t mode) const
@@ -228,8 +221,13 @@ void SimulatedDevice::start()
     daemon.reset();
     DaemonProcess::Launch launch;
     launch.binaryPath = options.daemonPath;
+    launch.arguments = options.arguments;
     launch.rootDirectory = rootDirectory;
     launch.networkNamespaceFd = network ? network->fd() : -1;
+    // In the host's network namespace the daemon binds its uevent socket with
+    // its pid as port, which must then be the host's pid to be free.
+    launch.ownProcessNamespace = static_cast<bool>(network);
+    launch.procFilesystems = procFilesystemsFile;
     launch.outputPath = baseDirectory + "/output";
     if (!options.launcher.empty()) {
         // A launcher opens the daemon by path, so the binary must be in the root.
@@ -306,6 +304,18 @@ int SimulatedDevice::waitExit(int timeoutMs)
 bool SimulatedDevice::isAlive()
 {
     return daemon && daemon->isAlive();
+}
+
+std::optional<DaemonProcess::NetlinkSocket> SimulatedDevice::ueventSocket() const
+{
+    return running("ueventSocket").ueventSocket();
+}
+
+std::vector<std::string> SimulatedDevice::ownDevEntries()
+{
+    auto names = Namespaces::devEntries();
+    names.emplace_back("log");
+    return names;
 }
 
 std::string SimulatedDevice::output() const

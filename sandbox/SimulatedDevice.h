@@ -3,7 +3,9 @@
 // filesystems, a fake /sys, /mnt/usb, /ravo500/devs) in the test's private
 // mount namespace, logging to a syslog reader at the root's /dev/log, and
 // listening for uevents in a network namespace where only the test's injected
-// datagrams arrive (or in the host's, for real kernel uevents).
+// datagrams arrive (or in the host's, for real kernel uevents). With the
+// isolated network it also has a process namespace of its own, so its /proc
+// holds no way into the host's root.
 // Not a mock: it never looks inside the daemon; everything is observed from outside.
 #pragma once
 
@@ -16,6 +18,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -36,6 +39,7 @@ public:
 
     struct Options {
         std::string daemonPath;
+        std::vector<std::string> arguments; // the daemon takes none; other programs may
         Network network = Network::Isolated;
         ProcFilesystems procFilesystems = ProcFilesystems::HostCopy;
         std::string procFilesystemsText; // the file's content for Custom
@@ -80,6 +84,10 @@ public:
     int waitExit(int timeoutMs);
     bool isAlive();
     pid_t pid() const { return daemon ? daemon->pid() : -1; }
+    // The daemon's uevent socket; none before it bound one.
+    std::optional<DaemonProcess::NetlinkSocket> ueventSocket() const;
+    // What the sandbox itself makes in /dev: no device node may take these names.
+    static std::vector<std::string> ownDevEntries();
     // What the daemon wrote to stdout and stderr (nothing, normally).
     std::string output() const;
 
@@ -102,6 +110,7 @@ private:
     std::string rootDirectory;
     bool baseMounted = false;
     bool binaryBound = false; // the daemon binary inside the root, for a launcher
+    std::string procFilesystemsFile; // bound over /proc/filesystems; "": the kernel's
     std::unique_ptr<RootView> view;
     std::unique_ptr<FakeSysfs> fakeSysfs;
     std::unique_ptr<SyslogReader> reader;

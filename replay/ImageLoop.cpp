@@ -1,6 +1,6 @@
 #include "replay/ImageLoop.h"
 
-#include "sandbox/SystemError.h"
+#include "sandbox/ScratchSpace.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -9,11 +9,7 @@ namespace Replay {
 
 ImageLoop::ImageLoop(const std::string& imagePath)
 {
-    char directory[] = "/tmp/dhh-image-XXXXXX";
-    if (mkdtemp(directory) == nullptr) {
-        throw Sandbox::systemError("ImageLoop: mkdtemp");
-    }
-    nodeDirectory = directory;
+    nodeDirectory = Sandbox::ScratchSpace::makeDirectory("image");
     try {
         loop = std::make_unique<Sandbox::LoopDevice>(nodeDirectory, imagePath, true);
     } catch (...) {

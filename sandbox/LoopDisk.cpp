@@ -1,7 +1,7 @@
 #include "sandbox/LoopDisk.h"
 
 #include "sandbox/Command.h"
-#include "sandbox/Namespaces.h"
+#include "sandbox/ScratchSpace.h"
 #include "sandbox/SystemError.h"
 
 #include <fcntl.h>
@@ -79,15 +79,11 @@ bool LoopDisk::available(std::string& why)
 
 void LoopDisk::makeWorkDirectory()
 {
-    // The tmpfs lives in the private mount namespace: should the test die, it goes with it.
-    Namespaces::enterPrivateMountNamespace();
-    char path[] = "/tmp/dhh-loopdisk-XXXXXX";
-    if (mkdtemp(path) == nullptr) {
-        throw systemError(std::string("LoopDisk: mkdtemp ") + path);
-    }
-    if (mount("dhh-loopdisk", path, "tmpfs", 0, "mode=0700") != 0) {
-        const auto error = systemError(std::string("LoopDisk: mount tmpfs on ") + path);
-        rmdir(path);
+    const std::string path = ScratchSpace::makeDirectory("loopdisk");
+    // The image's memory goes back with one unmount.
+    if (mount("dhh-loopdisk", path.c_str(), "tmpfs", 0, "mode=0700") != 0) {
+        const auto error = systemError("LoopDisk: mount tmpfs on " + path);
+        rmdir(path.c_str());
         throw error;
     }
     workDirectory = path;

@@ -2,6 +2,7 @@
 
 #include "sandbox/IsolatedNetwork.h"
 #include "sandbox/Namespaces.h"
+#include "sandbox/ScratchSpace.h"
 #include "sandbox/SystemError.h"
 #include "sandbox/UeventSender.h"
 #include "sandbox/UniqueFd.h"
@@ -68,14 +69,10 @@ SimulatedDevice::~SimulatedDevice()
 
 void SimulatedDevice::layOut()
 {
-    char base[] = "/tmp/dhh-sandbox-XXXXXX";
-    if (mkdtemp(base) == nullptr) {
-        throw systemError(std::string("SimulatedDevice: mkdtemp ") + base);
-    }
-    baseDirectory = base;
-    // Only in the private namespace: the host never sees it, and it dies with the test.
-    if (mount("dhh-sandbox", base, "tmpfs", 0, "mode=0755") != 0) {
-        throw systemError(std::string("SimulatedDevice: mount tmpfs on ") + base);
+    baseDirectory = ScratchSpace::makeDirectory("sandbox");
+    // One mount to take down, with everything the daemon mounted under it.
+    if (mount("dhh-sandbox", baseDirectory.c_str(), "tmpfs", 0, "mode=0755") != 0) {
+        throw systemError("SimulatedDevice: mount tmpfs on " + baseDirectory);
     }
     baseMounted = true;
     rootDirectory = baseDirectory + "/root";

@@ -1,6 +1,9 @@
 #include "replay/ReplayPlan.h"
 
 #include "capture/CaptureReader.h"
+#include "daemon/UeventDecoder.h"
+#include "replay/PathNames.h"
+#include "sandbox/SimulatedDevice.h"
 
 #include <algorithm>
 #include <set>
@@ -12,8 +15,8 @@ namespace {
 
 using Capture::CaptureRecord;
 
-// The value of KEY= in a uevent file's lines.
-std::string fileValue(const std::string& content, const std::string& key)
+// The value of the first line that starts with KEY=, as the daemon's scan reads a uevent file.
+std::optional<std::string> fileValue(const std::string& content, const std::string& key)
 {
     const std::string wanted = key + "=";
     size_t start = 0;
@@ -27,7 +30,7 @@ std::string fileValue(const std::string& content, const std::string& key)
         }
         start = end + 1;
     }
-    return "";
+    return std::nullopt;
 }
 
 bool digits(const std::string& text, size_t from, size_t to)
@@ -64,14 +67,76 @@ void addPorts(const std::string& path, std::set<std::string>& ports)
     }
 }
 
+// Every partition costs a loop device and a file system: a capture may not ask for more.
+constexpr size_t mostPartitions = 64;
+constexpr size_t mostPortDirectories = 256;
+
+[[noreturn]] void refuse(const CaptureRecord& record, const std::string& message)
+{
+    throw Capture::CaptureFormatError(record.line, "", message);
+}
+
+void checkName(const CaptureRecord& record, const std::string& name, bool slashAllowed)
+{
+    const std::string fault = PathNames::deviceNameFault(name, slashAllowed);
+    if (!fault.empty()) {
+        refuse(record, "device name \"" + name + "\" " + fault);
+    }
+}
+
 void addPartition(const std::string& name, const CaptureRecord& record,
                   std::set<std::string>& partitions)
 {
-    if (name.empty() || name.find('/') != std::string::npos || name == "." || name == "..") {
-        throw Capture::CaptureFormatError(
-            record.line, "", "partition name \"" + name + "\" cannot be a device node under /dev");
+    checkName(record, name, false);
+    const auto own = Sandbox::SimulatedDevice::ownDevEntries();
+    if (std::find(own.begin(), own.end(), name) != own.end()) {
+        refuse(record, "partition name \"" + name + "\" is taken by the sandbox's /dev/" + name);
     }
     partitions.insert(name);
+    if (partitions.size() > mostPartitions) {
+        refuse(record, "more than " + std::to_string(mostPartitions) + " partitions");
+    }
+}
+
+// The event the daemon's own decoder makes of the datagram, if any: its name
+// is the one the daemon turns into paths.
+void addDatagram(const CaptureRecord& record, std::set<std::string>& partitions)
+{
+    std::vector<char> buffer(record.data.begin(), record.data.end());
+    buffer.push_back('\0');
+    const auto event = decodeUevent(buffer.data(), record.data.size());
+    if (!event) {
+        return;
+    }
+    if (event->deviceType == HotplugDeviceType::DiscPartition) {
+        addPartition(event->deviceName, record, partitions);
+    } else {
+        checkName(record, event->deviceName, event->deviceType == HotplugDeviceType::UsbDevice);
+    }
+}
+
+// The start-up scan takes a device's name from the DEVNAME line of its uevent file.
+void addSysfsFile(const CaptureRecord& record, std::set<std::string>& partitions)
+{
+    const std::string suffix = "/uevent";
+    const auto name = fileValue(record.data, "DEVNAME");
+    if (!name || record.path.size() < suffix.size() ||
+        record.path.compare(record.path.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        return;
+    }
+    if (fileValue(record.data, "DEVTYPE") == "partition") {
+        addPartition(*name, record, partitions);
+    } else {
+        checkName(record, *name, true);
+    }
+}
+
+void checkLink(const CaptureRecord& record)
+{
+    const std::string fault = PathNames::linkTargetFault(record.path, record.data);
+    if (!fault.empty()) {
+        refuse(record, "the target " + record.data + " of " + record.path + " " + fault);
+    }
 }
 
 } // namespace
@@ -88,19 +153,20 @@ ReplayPlan ReplayPlan::of(const std::vector<CaptureRecord>& records)
             plan.spanUs = record.timeUs > first ? record.timeUs - first : plan.spanUs;
             plan.fromUdevadm = plan.fromUdevadm || record.fromUdevadm;
             addPorts(record.value("DEVPATH"), ports);
-            if (record.value("SUBSYSTEM") == "block" && record.value("DEVTYPE") == "partition") {
-                addPartition(record.value("DEVNAME"), record, partitions);
-            }
+            addDatagram(record, partitions);
             plan.cascadeDirectory = plan.cascadeDirectory || record.value("SUBSYSTEM") == "net";
         } else if (record.kind == CaptureRecord::Kind::SysfsLink) {
+            checkLink(record);
             addPorts(record.data, ports);
             plan.cascadeDirectory =
                 plan.cascadeDirectory || record.path.rfind("/sys/class/net/", 0) == 0;
-        } else if (record.kind == CaptureRecord::Kind::SysfsFile &&
-                   fileValue(record.data, "DEVTYPE") == "partition") {
-            addPartition(fileValue(record.data, "DEVNAME"), record, partitions);
+        } else if (record.kind == CaptureRecord::Kind::SysfsFile) {
+            addSysfsFile(record, partitions);
         } else if (record.kind == CaptureRecord::Kind::Filesystems) {
             plan.deviceFilesystems = record.data;
+        }
+        if (ports.size() > mostPortDirectories) {
+            refuse(record, "more than " + std::to_string(mostPortDirectories) + " hub ports");
         }
     }
     plan.partitions.assign(partitions.begin(), partitions.end());

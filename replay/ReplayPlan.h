@@ -20,8 +20,10 @@ struct ReplayPlan {
     bool fromUdevadm = false;
     std::optional<std::string> deviceFilesystems; // the device's /proc/filesystems, if captured
 
-    // Throws Capture::CaptureFormatError for a partition name that cannot be
-    // a node under /dev (it would lead out of the sandbox's root).
+    // Throws Capture::CaptureFormatError for what the sandbox must not be
+    // built from: a name the daemon would turn into a path in a shape the
+    // kernel never gives it (PathNames), a partition name the sandbox's /dev
+    // holds already, a sysfs link that leads out of /sys, too many partitions.
     static ReplayPlan of(const std::vector<Capture::CaptureRecord>& records);
     // The types of a /proc/filesystems text that mount a block device, in order.
     static std::vector<std::string> blockFilesystems(const std::string& procFilesystems);

@@ -1,8 +1,9 @@
 // Plays a capture back against the real daemon binary in the sandbox: the
 // captured sysfs, a block device for every partition, the hub-and-port and
-// cascade directories; then the datagrams with their original spacing or,
-// fast, each once the daemon has taken the one before. Prints what it sends
-// and the daemon's records as they arrive. Judging the outcome is the caller's.
+// cascade directories; then the datagrams with their original spacing (no
+// gap longer than 10 s) or, fast, each once the daemon has taken the one
+// before. Prints what it sends and the daemon's records as they arrive.
+// Judging the outcome is the caller's.
 #pragma once
 
 #include "capture/CaptureRecord.h"
@@ -67,8 +68,8 @@ private:
     size_t sent = 0;
     size_t shownRecords = 0;
     int markers = 0;
-    uint64_t firstTimeUs = 0;
-    Clock::time_point firstSent;
+    uint64_t lastTimeUs = 0;   // the stamp of the datagram sent last
+    Clock::time_point lastDue; // when it was due
 
     void say(const std::string& line) const;
     void layDown(const Capture::CaptureRecord& record);

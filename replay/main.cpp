@@ -3,6 +3,7 @@
 // prints what it did; with --expect, a field report becomes a regression test.
 #include "capture/CaptureReader.h"
 #include "replay/DeviceState.h"
+#include "replay/InputFile.h"
 #include "replay/ReplayOptions.h"
 #include "replay/ReplaySession.h"
 #include "sandbox/Namespaces.h"
@@ -21,29 +22,11 @@ namespace {
 
 using Replay::DeviceState;
 
-// Bad input: said once, nothing replayed.
-class BadInput : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+using BadInput = Replay::InputFile::Refused;
 
-std::string readWhole(const std::string& path, const char* what)
-{
-    std::ostringstream text;
-    if (path == "-") {
-        text << std::cin.rdbuf();
-        return text.str();
-    }
-    std::ifstream file(path, std::ios::binary);
-    if (!file || !(text << file.rdbuf())) {
-        // An empty file is no error; one that cannot be read is.
-        if (file && file.peek() == std::ifstream::traits_type::eof()) {
-            return "";
-        }
-        throw BadInput(std::string("cannot read the ") + what + " " + path);
-    }
-    return text.str();
-}
+// Four times hotplug_capture's default limit; a listing is a few lines.
+constexpr size_t captureLimitBytes = 64UL << 20U;
+constexpr size_t expectedStateLimitBytes = 1UL << 20U;
 
 void checkInputs(const Replay::ReplayOptions& options, const Replay::ReplayPlan& plan)
 {
@@ -109,7 +92,7 @@ void describeFilesystems(const std::string& deviceList)
 
 int replay(const Replay::ReplayOptions& options)
 {
-    const std::string text = readWhole(options.capture, "capture");
+    const std::string text = Replay::InputFile::read(options.capture, "capture", captureLimitBytes);
     std::vector<Capture::CaptureRecord> records;
     std::vector<std::string> notes;
     Replay::ReplayPlan plan;
@@ -134,7 +117,8 @@ int replay(const Replay::ReplayOptions& options)
     checkInputs(options, plan);
     std::vector<std::string> expected;
     if (!options.expect.empty()) {
-        expected = DeviceState::parse(readWhole(options.expect, "expected state"));
+        expected = DeviceState::parse(
+            Replay::InputFile::read(options.expect, "expected state", expectedStateLimitBytes));
     }
     std::string why;
     if (!Sandbox::Namespaces::canRun(why)) {

@@ -126,6 +126,9 @@ void ReplaySession::layDown(const CaptureRecord& record)
 
 bool ReplaySession::sendNext()
 {
+    if (stopping()) {
+        return false;
+    }
     size_t datagram = next;
     while (datagram < records.size() && records[datagram].kind != CaptureRecord::Kind::Datagram) {
         ++datagram;
@@ -151,6 +154,9 @@ bool ReplaySession::sendNext()
     }
     const CaptureRecord& record = records[datagram];
     waitForTurn(record);
+    if (stopping()) {
+        return false;
+    }
     for (; next < datagram; ++next) {
         layDown(records[next]);
     }
@@ -178,7 +184,7 @@ void ReplaySession::waitForTurn(const CaptureRecord& datagram)
     }
     if (settings.fast) {
         const auto deadline = now + handlingDeadline;
-        while (!socketDrained()) {
+        while (!socketDrained() && !stopping()) {
             if (Clock::now() > deadline) {
                 throw std::runtime_error("the daemon did not take a datagram within 60 s");
             }
@@ -238,7 +244,7 @@ void ReplaySession::showRecordsUntil(Clock::time_point deadline)
             record,
             static_cast<int>(std::max<long long>(0, std::min<long long>(left.count(), 100))));
         showRecords();
-        if (!got && Clock::now() >= deadline) {
+        if ((!got && Clock::now() >= deadline) || stopping()) {
             return;
         }
     }
@@ -255,6 +261,9 @@ void ReplaySession::settle()
             return record.text.find(marker) != std::string::npos;
         },
         100)) {
+        if (stopping()) {
+            return;
+        }
         checkAlive("before it had handled every datagram");
         showRecords();
         if (Clock::now() > deadline) {
@@ -271,6 +280,9 @@ std::vector<std::string> ReplaySession::state() const
 
 int ReplaySession::stop()
 {
+    if (sandbox->pid() < 0) {
+        return -1;
+    }
     sandbox->signal(SIGTERM);
     const int status = sandbox->waitExit(startDeadlineMs);
     sandbox->syslog().drain(100);

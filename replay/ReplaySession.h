@@ -14,6 +14,7 @@
 #include "sandbox/SimulatedDevice.h"
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -30,6 +31,8 @@ public:
         std::map<std::string, std::string> images;    // partition name -> image file
         std::map<std::string, std::string> addresses; // interface name -> MAC text
         std::FILE* out = stdout;                      // nullptr: silent
+        // Set by a signal handler: every wait ends early and nothing more is sent.
+        const volatile std::sig_atomic_t* stopSignal = nullptr;
     };
 
     // Builds the sandbox; throws std::runtime_error naming the step that failed.
@@ -42,14 +45,16 @@ public:
     // Starts the daemon and waits until it listens; throws when it does not.
     void start();
     // Lays down the records up to the next datagram, waits its turn and sends
-    // it; false once every datagram was sent. Throws when the daemon ended.
+    // it; false once every datagram was sent or a stop was asked for. Throws
+    // when the daemon ended.
     bool sendNext();
+    size_t sentDatagrams() const { return sent; }
     // Waits until the daemon has handled everything sent so far.
     void settle();
     std::vector<std::string> state() const;
     // Prints the state under "# state HEADING:".
     void showState(const std::string& heading) const;
-    // SIGTERM, as an operator would; the daemon's exit status.
+    // SIGTERM, as an operator would; the daemon's exit status, -1 when it never started.
     int stop();
     Sandbox::SimulatedDevice& device() { return *sandbox; }
 
@@ -79,6 +84,7 @@ private:
     void waitForTurn(const Capture::CaptureRecord& datagram);
     bool socketDrained() const;
     void checkAlive(const std::string& when);
+    bool stopping() const { return settings.stopSignal != nullptr && *settings.stopSignal != 0; }
 };
 
 } // namespace Replay

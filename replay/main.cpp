@@ -9,13 +9,15 @@
 #include "sandbox/Namespaces.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -90,15 +92,19 @@ void describeFilesystems(const std::string& deviceList)
     }
 }
 
-int replay(const Replay::ReplayOptions& options)
+struct ReadCapture {
+    std::vector<Capture::CaptureRecord> records;
+    Replay::ReplayPlan plan;
+};
+
+ReadCapture readCapture(const Replay::ReplayOptions& options)
 {
     const std::string text = Replay::InputFile::read(options.capture, "capture", captureLimitBytes);
-    std::vector<Capture::CaptureRecord> records;
+    ReadCapture capture;
     std::vector<std::string> notes;
-    Replay::ReplayPlan plan;
     try {
-        records = Capture::CaptureReader::read(text, &notes);
-        plan = Replay::ReplayPlan::of(records);
+        capture.records = Capture::CaptureReader::read(text, &notes);
+        capture.plan = Replay::ReplayPlan::of(capture.records);
     } catch (const Capture::CaptureFormatError& error) {
         std::string message = options.capture + ": " + error.what();
         if (!error.lineText().empty()) {
@@ -106,7 +112,7 @@ int replay(const Replay::ReplayOptions& options)
         }
         throw BadInput(message + "\nnothing was replayed");
     }
-    if (plan.datagrams == 0) {
+    if (capture.plan.datagrams == 0) {
         throw BadInput(options.capture + ": no datagram could be read from it (a capture of " +
                        "hotplug_capture, or udevadm monitor --kernel --property output, is " +
                        "wanted)\nnothing was replayed");
@@ -114,7 +120,62 @@ int replay(const Replay::ReplayOptions& options)
     for (const auto& note : notes) {
         std::fprintf(stderr, "hotplug_replay: %s: %s\n", options.capture.c_str(), note.c_str());
     }
-    checkInputs(options, plan);
+    return capture;
+}
+
+void announce(const Replay::ReplayOptions& options, const Replay::ReplayPlan& plan)
+{
+    std::printf("== hotplug_replay %s: %zu datagrams over %.1f s%s; daemon %s\n",
+                options.capture.c_str(), plan.datagrams, static_cast<double>(plan.spanUs) / 1e6,
+                options.fast ? " (sent fast)" : "", options.daemon.c_str());
+    for (const auto& name : plan.partitions) {
+        const auto image = options.images.find(name);
+        std::printf("   /dev/%s: %s\n", name.c_str(),
+                    image == options.images.end() ? "an empty ext4 file system"
+                                                  : ("the image " + image->second).c_str());
+    }
+    if (plan.deviceFilesystems) {
+        describeFilesystems(*plan.deviceFilesystems);
+    }
+}
+
+// SIGINT and SIGTERM end the replay between two steps, with the state shown
+// and the sandbox taken down as after a whole replay.
+volatile std::sig_atomic_t stopSignal = 0;
+
+void catchStopSignals()
+{
+    struct sigaction action {};
+    action.sa_handler = [](int number) { stopSignal = number; };
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    for (const int number : {SIGINT, SIGTERM}) {
+        if (sigaction(number, &action, nullptr) != 0) {
+            throw std::system_error(errno, std::generic_category(), "sigaction");
+        }
+    }
+}
+
+int compare(const Replay::ReplayOptions& options, const std::vector<std::string>& expected,
+            const std::vector<std::string>& state)
+{
+    const auto differences = DeviceState::diff(expected, state);
+    if (!differences.empty()) {
+        std::fprintf(stderr, "hotplug_replay: the state differs from %s:\n",
+                     options.expect.c_str());
+        for (const auto& line : differences) {
+            std::fprintf(stderr, "%s\n", line.c_str());
+        }
+        return 1;
+    }
+    std::printf("# the state is the one %s expects\n", options.expect.c_str());
+    return 0;
+}
+
+int replay(const Replay::ReplayOptions& options)
+{
+    const ReadCapture capture = readCapture(options);
+    checkInputs(options, capture.plan);
     std::vector<std::string> expected;
     if (!options.expect.empty()) {
         expected = DeviceState::parse(
@@ -131,39 +192,31 @@ int replay(const Replay::ReplayOptions& options)
     settings.fast = options.fast;
     settings.images = options.images;
     settings.addresses = options.addresses;
-    std::printf("== hotplug_replay %s: %zu datagrams over %.1f s%s; daemon %s\n",
-                options.capture.c_str(), plan.datagrams, static_cast<double>(plan.spanUs) / 1e6,
-                options.fast ? " (sent fast)" : "", options.daemon.c_str());
-    for (const auto& name : plan.partitions) {
-        const auto image = options.images.find(name);
-        std::printf("   /dev/%s: %s\n", name.c_str(),
-                    image == options.images.end() ? "an empty ext4 file system"
-                                                  : ("the image " + image->second).c_str());
-    }
-    if (plan.deviceFilesystems) {
-        describeFilesystems(*plan.deviceFilesystems);
-    }
-    Replay::ReplaySession session(records, settings);
+    settings.stopSignal = &stopSignal;
+    catchStopSignals();
+    announce(options, capture.plan);
+    Replay::ReplaySession session(capture.records, settings);
     session.start();
     while (session.sendNext()) {
     }
     session.settle();
     const auto state = session.state();
-    session.showState("after the replay");
+    const int stoppedBy = stopSignal;
+    session.showState(stoppedBy != 0
+                          ? std::string("when SIG") + sigabbrev_np(stoppedBy) + " ended the replay"
+                          : "after the replay");
     const int status = session.stop();
-    std::printf("# the daemon stopped on SIGTERM with exit status %d\n", status);
+    if (status >= 0) {
+        std::printf("# the daemon stopped on SIGTERM with exit status %d\n", status);
+    }
     std::fflush(stdout);
-    if (!options.expect.empty()) {
-        const auto differences = DeviceState::diff(expected, state);
-        if (!differences.empty()) {
-            std::fprintf(stderr, "hotplug_replay: the state differs from %s:\n",
-                         options.expect.c_str());
-            for (const auto& line : differences) {
-                std::fprintf(stderr, "%s\n", line.c_str());
-            }
-            return 1;
-        }
-        std::printf("# the state is the one %s expects\n", options.expect.c_str());
+    if (stoppedBy != 0) {
+        std::fprintf(stderr, "hotplug_replay: SIG%s ended the replay after %zu of %zu datagrams\n",
+                     sigabbrev_np(stoppedBy), session.sentDatagrams(), capture.plan.datagrams);
+        return 1;
+    }
+    if (!options.expect.empty() && compare(options, expected, state) != 0) {
+        return 1;
     }
     return status == 0 ? 0 : 1;
 }

@@ -95,6 +95,8 @@ std::string Command::run(const std::vector<std::string>& arguments, const std::s
         throw systemError("Command: fork for " + arguments[0]);
     }
     if (child == 0) {
+        // Out of the terminal's reach: Ctrl-C is for the caller, which stops between two steps.
+        setpgid(0, 0);
         if (dup2(in.get(), 0) < 0 || dup2(out.get(), 1) < 0 || dup2(err.get(), 2) < 0) {
             _exit(126);
         }

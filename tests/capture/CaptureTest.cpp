@@ -117,44 +117,6 @@ TEST(CaptureTool, ReportsBadOptionsAndEndsOnItsLimit)
     }
 }
 
-// The demonstration as a newcomer reads it: the device's list of file system
-// types reaches the daemon, and every step shows what the daemon left.
-TEST(ReplayTool, ShowsTheDevicesFilesystemsAndTheStateAfterEachStep)
-{
-    std::string why;
-    if (!Sandbox::Namespaces::canRun(why) || !Sandbox::LoopDisk::available(why)) {
-        GTEST_SKIP() << "needs root, namespaces and loop devices: " << why;
-    }
-    FILE* empty = popen(DHH_REPLAY_PATH " /dev/null 2>&1", "r");
-    char said[256] = "";
-    const size_t saidLength = fread(said, 1, sizeof(said) - 1, empty);
-    EXPECT_EQ(WEXITSTATUS(pclose(empty)), 2)
-        << "a file without a datagram passed: " << std::string(said, saidLength);
-    FILE* pipe = popen(DHH_REPLAY_PATH " --fast " DHH_DEMO_CAPTURE " 2>&1", "r");
-    std::string output(1 << 16, '\0');
-    output.resize(fread(&output[0], 1, output.size(), pipe));
-    ASSERT_EQ(WEXITSTATUS(pclose(pipe)), 0) << output;
-    size_t at = 0;
-    for (const char* expected :
-         {"/proc/filesystems: the device's, as captured: ext3 ext2 ext4 vfat msdos",
-          "Mount supports the following filesystem types: ext3 ext2 ext4 vfat msdos",
-          "# state now:\nlink /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/003\n"
-          "mount /mnt/usb/sda1 ext4 ro,",
-          "link /ravo500/devs/usb1-3/uart1 -> /dev/ttyUSB1",
-          "file /ravo500/devs/cascade/ravo-casc-info 00:0e:c6:8a:3f:12%eth1\\x0a",
-          "# The Ethernet adapter comes out",
-          "# state now:\nlink /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/003\n"
-          "mount /mnt/usb/sda1 ext4 ro,",
-          "# The USB stick comes out",
-          "# state after the replay:\n# nothing mounted under /mnt/usb, nothing under "
-          "/ravo500/devs"}) {
-        const size_t found = output.find(expected, at);
-        ASSERT_NE(found, std::string::npos) << "not after offset " << at << ": " << expected << "\n"
-                                            << output;
-        at = found;
-    }
-}
-
 TEST(CaptureTool, KernelUeventsOfAPartitionReplayAgainstTheDaemon)
 {
     std::string why;

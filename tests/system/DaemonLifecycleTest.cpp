@@ -3,6 +3,7 @@
 #include "tests/system/DaemonSandboxTest.h"
 
 #include <algorithm>
+#include <cctype>
 #include <dirent.h>
 #include <fstream>
 #include <map>
@@ -60,6 +61,15 @@ TEST_F(DaemonSandboxTest, ListenerRunsAheadOfTheHandlerThreadUnlessTheIntegrator
         start(); // the handler thread settles its scheduling before init's record
         EXPECT_TRUE(
             sawRecord(handler + "Mount supports the following filesystem types: ext4 vfat "));
+        // A process namespace of its own: no /proc/N/root leads into the host's root.
+        auto processes = sandbox->list("/proc");
+        processes.erase(std::remove_if(processes.begin(), processes.end(),
+                                       [](const std::string& name) {
+                                           return std::isdigit(
+                                                      static_cast<unsigned char>(name[0])) == 0;
+                                       }),
+                        processes.end());
+        EXPECT_EQ(processes, std::vector<std::string>{"1"});
         // By thread id: nice (19), real-time priority (40), policy (41).
         std::map<long, std::map<int, long>> threads;
         const std::string tasks = "/proc/" + std::to_string(sandbox->pid()) + "/task";

@@ -308,6 +308,26 @@ bool CaptureReader::startsRecord(const std::string& line)
     return startsWith(line, "KERNEL[") || isUdevHeader(line);
 }
 
+namespace {
+
+// Whether the record that starts at lines[index] runs to the end of a text
+// that stops short: a KERNEL record without its closing empty line, or a
+// last line without its line feed.
+bool runsIntoTheEnd(const std::vector<Line>& lines, size_t index, bool lastLineCut)
+{
+    if (CaptureReader::startsRecord(lines[index].text)) {
+        for (++index; index < lines.size(); ++index) {
+            if (lines[index].text.empty() || CaptureReader::startsRecord(lines[index].text)) {
+                return false;
+            }
+        }
+        return true;
+    }
+    return lastLineCut && index + 1 == lines.size();
+}
+
+} // namespace
+
 std::vector<CaptureRecord> CaptureReader::read(const std::string& text,
                                                std::vector<std::string>* notes)
 {
@@ -316,24 +336,37 @@ std::vector<CaptureRecord> CaptureReader::read(const std::string& text,
     if (!note.empty() && notes != nullptr) {
         notes->push_back(note);
     }
+    const bool lastLineCut = !text.empty() && text.back() != '\n';
     std::vector<CaptureRecord> records;
     size_t index = 0;
     while (index < lines.size()) {
         const std::string& line = lines[index].text;
-        if (startsWith(line, "KERNEL[")) {
-            index = readKernelRecord(lines, index, records);
-        } else if (isUdevHeader(line)) {
-            // What udev made of an event after its rules: not the kernel's.
-            for (++index; index < lines.size() && !lines[index].text.empty() &&
-                          !startsRecord(lines[index].text);
-                 ++index) {
+        try {
+            if (startsWith(line, "KERNEL[")) {
+                index = readKernelRecord(lines, index, records);
+            } else if (isUdevHeader(line)) {
+                // What udev made of an event after its rules: not the kernel's.
+                for (++index; index < lines.size() && !lines[index].text.empty() &&
+                              !startsRecord(lines[index].text);
+                     ++index) {
+                }
+            } else {
+                CaptureRecord record;
+                if (readLineRecord(lines[index], record)) {
+                    records.push_back(std::move(record));
+                }
+                ++index;
             }
-        } else {
-            CaptureRecord record;
-            if (readLineRecord(lines[index], record)) {
-                records.push_back(std::move(record));
+        } catch (const CaptureFormatError& error) {
+            // A capture cut off by a power loss or a copy that stopped: what came before counts.
+            if (!runsIntoTheEnd(lines, index, lastLineCut)) {
+                throw;
             }
-            ++index;
+            if (notes != nullptr) {
+                notes->push_back("the capture ends in the middle of a record (" +
+                                 std::string(error.what()) + "): that record was left out");
+            }
+            break;
         }
     }
     return records;

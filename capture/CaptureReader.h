@@ -32,8 +32,8 @@ public:
     // without "=", a record cut short (without the keys every uevent has) or
     // a sysfs path outside /sys. A paste quoted as mail quotes ("> " before
     // every line) is unquoted, and outside hotplug_capture's own files the
-    // blanks that pasting leaves at line ends are dropped; notes, when given,
-    // says so for the user.
+    // blanks that pasting leaves at line ends are dropped; a last record cut
+    // off in the middle is left out; notes, when given, says so for the user.
     static std::vector<CaptureRecord> read(const std::string& text,
                                            std::vector<std::string>* notes = nullptr);
     // Whether the line opens a KERNEL record or one of udev's UDEV records.

@@ -2,6 +2,7 @@
 // in a text form that hotplug_replay plays back against the same daemon on a
 // workstation. Runs beside the daemon on the device; changes nothing there.
 #include "capture/CaptureOptions.h"
+#include "capture/CaptureOutput.h"
 #include "capture/CaptureRecord.h"
 #include "capture/CaptureWriter.h"
 #include "capture/SysfsSnapshot.h"
@@ -11,10 +12,9 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
-#include <fcntl.h>
-#include <numeric>
 #include <poll.h>
 #include <stdexcept>
 #include <string>
@@ -22,11 +22,16 @@
 #include <sys/utsname.h>
 #include <system_error>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
+using Capture::CaptureOutput;
 using Capture::CaptureRecord;
+using Capture::CaptureWriter;
+
+// At most this many datagrams between two looks at the signals, so that a
+// flood of uevents does not hold off Ctrl-C.
+constexpr int batchDatagrams = 64;
 
 void say(const std::string& text)
 {
@@ -41,65 +46,12 @@ uint64_t monotonicUs()
            static_cast<uint64_t>(now.tv_nsec) / 1000U;
 }
 
-// Whole records in one write each, so a capture cut off by a power loss ends
-// with a complete record.
-class Output {
-public:
-    explicit Output(const std::string& path)
-    {
-        if (path.empty()) {
-            return;
-        }
-        fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (fd < 0) {
-            throw std::system_error(errno, std::generic_category(), "cannot open " + path);
-        }
-    }
-    ~Output()
-    {
-        if (fd != STDOUT_FILENO) {
-            close(fd);
-        }
-    }
-    Output(const Output&) = delete;
-    Output& operator=(const Output&) = delete;
-
-    void write(const CaptureRecord& record) { writeText(Capture::CaptureWriter::format(record)); }
-    unsigned long bytes() const { return written; }
-    void comment(const std::string& text)
-    {
-        CaptureRecord record;
-        record.data = text;
-        write(record);
-    }
-    void finish()
-    {
-        // EINVAL: a device or pipe (-o /dev/ttyS0), which has nothing to sync.
-        if (fd != STDOUT_FILENO && fsync(fd) != 0 && errno != EINVAL) {
-            throw std::system_error(errno, std::generic_category(), "fsync of the capture");
-        }
-    }
-
-private:
-    int fd = STDOUT_FILENO;
-    unsigned long written = 0;
-
-    void writeText(const std::string& text)
-    {
-        size_t done = 0;
-        while (done < text.size()) {
-            const ssize_t count = ::write(fd, text.data() + done, text.size() - done);
-            if (count < 0 && errno == EINTR) {
-                continue;
-            }
-            if (count <= 0) {
-                throw std::system_error(errno, std::generic_category(), "cannot write the capture");
-            }
-            done += static_cast<size_t>(count);
-        }
-        written += text.size();
-    }
-};
+std::string commentText(const std::string& text)
+{
+    CaptureRecord record;
+    record.data = text;
+    return CaptureWriter::format(record);
+}
 
 // SIGINT and SIGTERM become readable on a descriptor, so the loop ends
 // between two records and never in the middle of one.
@@ -121,21 +73,17 @@ int blockStopSignals()
     return fd;
 }
 
-// Room kept for the closing lines (a LOST line and the end), so the capture
-// stays within its limit and still says why it ended.
-constexpr unsigned long closingBytes = 512;
+// What the capture has done so far, for its closing line.
+struct Progress {
+    unsigned long datagrams = 0;
+    unsigned long overflows = 0;
+    std::string reason; // why it ends; "" while it goes on
+};
 
-bool fits(const Output& output, const std::vector<CaptureRecord>& batch, unsigned long maxBytes)
+// Whether text of that size still fits, with room for the closing lines.
+bool fits(const CaptureOutput& output, size_t textBytes, unsigned long maxBytes)
 {
-    if (maxBytes == 0) {
-        return true;
-    }
-    const unsigned long total =
-        std::accumulate(batch.begin(), batch.end(), output.bytes() + closingBytes,
-                        [](unsigned long sum, const CaptureRecord& record) {
-                            return sum + Capture::CaptureWriter::format(record).size();
-                        });
-    return total <= maxBytes;
+    return maxBytes == 0 || output.bytes() + textBytes + CaptureOutput::closingBytes <= maxBytes;
 }
 
 std::string sizeLimit(unsigned long maxBytes)
@@ -143,62 +91,107 @@ std::string sizeLimit(unsigned long maxBytes)
     return "the size limit (" + std::to_string(maxBytes) + " bytes)";
 }
 
-void writePreamble(Output& output, int bufferBytes)
+void writePreamble(CaptureOutput& output, int bufferBytes)
 {
     utsname system{};
-    uname(&system);
+    const std::string kernel =
+        uname(&system) == 0
+            ? std::string(system.sysname) + " " + system.release + " " + system.version + " " +
+                  system.machine + " on " + system.nodename
+            : std::string("an unknown kernel (uname: ") + std::strerror(errno) + ")";
     char started[64] = "";
     const time_t now = time(nullptr);
     tm utc{};
     if (gmtime_r(&now, &utc) != nullptr) {
         static_cast<void>(strftime(started, sizeof(started), "%Y-%m-%d %H:%M:%S UTC", &utc));
     }
-    output.comment("hotplug_capture " DHH_VERSION
-                   ": kernel uevents as udevadm monitor --kernel --property prints them");
-    output.comment("escaped as \\xHH: control bytes, bytes above 0x7e, the backslash, and the "
-                   "blank in header fields");
-    output.comment(std::string(system.sysname) + " " + system.release + " " + system.version + " " +
-                   system.machine + " on " + system.nodename + ", receive buffer " +
-                   std::to_string(bufferBytes) + " bytes");
-    output.comment(std::string("started ") + started + ", at " +
-                   Capture::CaptureWriter::timeText(monotonicUs()) + " s of the monotonic clock");
-    output.write(Capture::SysfsSnapshot::procFilesystems());
+    output.write(
+        commentText("hotplug_capture " DHH_VERSION
+                    ": kernel uevents as udevadm monitor --kernel --property prints "
+                    "them") +
+        commentText("escaped as \\xHH: control bytes, bytes above 0x7e, the backslash, "
+                    "and the blank in header fields") +
+        commentText(kernel + ", receive buffer " + std::to_string(bufferBytes) + " bytes") +
+        commentText(std::string("started ") + started + ", at " +
+                    CaptureWriter::timeText(monotonicUs()) + " s of the monotonic clock") +
+        CaptureWriter::format(Capture::SysfsSnapshot::procFilesystems()));
 }
 
-int capture(const Capture::CaptureOptions& options)
+// After the socket's bind: what changes while sysfs is read arrives as events.
+void writeSysfs(CaptureOutput& output, unsigned long maxBytes, Progress& progress)
 {
-    Output output(options.output);
-    const int signalFd = blockStopSignals();
-    Capture::UeventSocket socket;
-    writePreamble(output, socket.receiveBufferBytes());
-    std::string reason;
-    if (options.sysfs) {
-        // After the bind: what changes while sysfs is read arrives as events.
-        output.comment("sysfs as the daemon's start-up scan reads it");
-        for (const auto& record : Capture::SysfsSnapshot::startupScan()) {
-            if (!fits(output, {record}, options.maxBytes)) {
-                reason = sizeLimit(options.maxBytes);
-                break;
+    output.write(commentText("sysfs as the daemon's start-up scan reads it"));
+    for (const auto& record : Capture::SysfsSnapshot::startupScan()) {
+        const std::string text = CaptureWriter::format(record);
+        if (!fits(output, text.size(), maxBytes)) {
+            progress.reason = sizeLimit(maxBytes);
+            return;
+        }
+        output.write(text);
+    }
+}
+
+// Up to a batch of datagrams into the file; true when the socket ran empty.
+// A loss the kernel reports is only counted here (lossTimeUs).
+bool captureBatch(CaptureOutput& output, Capture::UeventSocket& socket,
+                  const Capture::CaptureOptions& options, Progress& progress, uint64_t& lossTimeUs)
+{
+    for (int taken = 0; taken < batchDatagrams && progress.reason.empty(); ++taken) {
+        CaptureRecord record;
+        record.kind = CaptureRecord::Kind::Datagram;
+        const auto result = socket.receive(record.data);
+        if (result == Capture::UeventSocket::Result::Empty) {
+            return true;
+        }
+        record.timeUs = monotonicUs();
+        if (result == Capture::UeventSocket::Result::Lost) {
+            lossTimeUs = lossTimeUs == 0 ? record.timeUs : lossTimeUs;
+            ++progress.overflows;
+            continue;
+        }
+        // Ahead of the event: a replay lays the files down before it sends the event.
+        std::string text;
+        if (record.value("ACTION") == "add" && record.value("SUBSYSTEM") == "net") {
+            for (const auto& file :
+                 Capture::SysfsSnapshot::netInterface(record.value("INTERFACE"))) {
+                text += CaptureWriter::format(file);
             }
-            output.write(record);
+        }
+        text += CaptureWriter::format(record);
+        if (!fits(output, text.size(), options.maxBytes)) {
+            progress.reason = sizeLimit(options.maxBytes);
+            break;
+        }
+        output.write(text);
+        if (++progress.datagrams == options.count) {
+            progress.reason = "count reached";
         }
     }
-    say("capturing to " + (options.output.empty() ? "standard output" : options.output) +
-        "; SIGINT or SIGTERM ends it");
-    const uint64_t deadline =
-        options.durationS > 0 ? monotonicUs() + options.durationS * 1000000U : 0;
-    unsigned long written = 0;
-    unsigned long losses = 0;
+    return false;
+}
+
+void writeLoss(CaptureOutput& output, uint64_t timeUs)
+{
     CaptureRecord loss;
     loss.kind = CaptureRecord::Kind::Lost;
+    loss.timeUs = timeUs;
     loss.data = "datagrams lost: the receive buffer overflowed (ENOBUFS) after those above "
                 "had arrived";
-    while (reason.empty()) {
+    output.write(CaptureWriter::format(loss));
+}
+
+void listen(CaptureOutput& output, Capture::UeventSocket& socket, int signalFd,
+            const Capture::CaptureOptions& options, Progress& progress)
+{
+    const uint64_t deadline =
+        options.durationS > 0 ? monotonicUs() + options.durationS * 1000000U : 0;
+    uint64_t lossTimeUs = 0;
+    while (progress.reason.empty()) {
         int timeoutMs = -1;
         if (deadline != 0) {
             const uint64_t now = monotonicUs();
             if (now >= deadline) {
-                reason = "time limit";
+                progress.reason = "time limit";
                 break;
             }
             timeoutMs = static_cast<int>(std::min<uint64_t>((deadline - now) / 1000U + 1, INT_MAX));
@@ -210,53 +203,51 @@ int capture(const Capture::CaptureOptions& options)
             }
             throw std::system_error(errno, std::generic_category(), "poll");
         }
-        CaptureRecord record;
-        record.kind = CaptureRecord::Kind::Datagram;
-        for (auto result = socket.receive(record.data);
-             result != Capture::UeventSocket::Result::Empty && reason.empty();
-             result = socket.receive(record.data)) {
-            record.timeUs = monotonicUs();
-            if (result == Capture::UeventSocket::Result::Lost) {
-                // The kernel says so before the datagrams still queued, which came before
-                // the loss: the record goes behind them, once the socket is empty.
-                loss.timeUs = loss.timeUs == 0 ? record.timeUs : loss.timeUs;
-                ++losses;
-                continue;
-            }
-            // Written ahead of the event: a replay lays the file down before it sends the event.
-            std::vector<CaptureRecord> batch;
-            if (record.value("ACTION") == "add" && record.value("SUBSYSTEM") == "net") {
-                batch = Capture::SysfsSnapshot::netInterface(record.value("INTERFACE"));
-            }
-            batch.push_back(record);
-            if (!fits(output, batch, options.maxBytes)) {
-                reason = sizeLimit(options.maxBytes);
-                break;
-            }
-            for (const auto& entry : batch) {
-                output.write(entry);
-            }
-            if (++written == options.count) {
-                reason = "count reached";
-            }
-        }
-        if (loss.timeUs != 0) {
-            output.write(loss);
-            loss.timeUs = 0;
+        const bool drained = captureBatch(output, socket, options, progress, lossTimeUs);
+        // The kernel reports a loss before the datagrams still queued, which came
+        // before it: the line goes behind them.
+        if (lossTimeUs != 0 && (drained || !progress.reason.empty())) {
+            writeLoss(output, lossTimeUs);
+            lossTimeUs = 0;
         }
         signalfd_siginfo signal{};
         if ((ready[1].revents & POLLIN) != 0 && read(signalFd, &signal, sizeof(signal)) > 0) {
-            reason = signal.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM";
+            progress.reason = signal.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM";
         }
     }
-    output.comment("ended by " + reason + " after " + std::to_string(written) + " datagrams, " +
-                   std::to_string(losses) + " overflows");
+}
+
+int capture(const Capture::CaptureOptions& options)
+{
+    CaptureOutput output(options.output);
+    const int signalFd = blockStopSignals();
+    Capture::UeventSocket socket;
+    const std::string destination = options.output.empty() ? "standard output" : options.output;
+    Progress progress;
+    bool failed = false;
+    try {
+        writePreamble(output, socket.receiveBufferBytes());
+        if (options.sysfs) {
+            writeSysfs(output, options.maxBytes, progress);
+        }
+        say("capturing to " + destination + "; SIGINT or SIGTERM ends it");
+        listen(output, socket, signalFd, options, progress);
+    } catch (const CaptureOutput::WriteFailed& error) {
+        progress.reason = "a write error (" + error.code().message() + ")";
+        failed = true;
+    }
+    const bool closed = output.writeClosing(
+        commentText("ended by " + progress.reason + " after " + std::to_string(progress.datagrams) +
+                    " datagrams, " + std::to_string(progress.overflows) + " overflows"));
     output.finish();
     close(signalFd);
-    say(std::to_string(written) + " datagrams, " + std::to_string(losses) +
-        " overflows, written to " + (options.output.empty() ? "standard output" : options.output) +
-        " (" + reason + ")");
-    return 0;
+    say(std::to_string(progress.datagrams) + " datagrams, " + std::to_string(progress.overflows) +
+        " overflows, written to " + destination + " (" + progress.reason + ")");
+    if (failed) {
+        say(std::string("the capture ends on its last whole record") +
+            (closed ? ", with a line saying why" : ""));
+    }
+    return failed ? 1 : 0;
 }
 
 } // namespace

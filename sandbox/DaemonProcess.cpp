@@ -86,9 +86,9 @@ void mountProc(const ChildPlan& plan)
     if (mount("proc", plan.proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
         fail(plan.statusFd, MountProc);
     }
-    if (!plan.filesystemsFile.empty() && mount(plan.filesystemsFile.c_str(),
-                                               plan.procFilesystems.c_str(), nullptr, MS_BIND,
-                                               nullptr) != 0) {
+    if (!plan.filesystemsFile.empty() &&
+        mount(plan.filesystemsFile.c_str(), plan.procFilesystems.c_str(), nullptr, MS_BIND,
+              nullptr) != 0) {
         fail(plan.statusFd, BindFilesystems);
     }
 }
@@ -181,8 +181,7 @@ DaemonProcess::DaemonProcess(const Launch& launch)
 
     std::vector<std::string> argumentStrings{
         launch.binaryPath.substr(launch.binaryPath.rfind('/') + 1)};
-    argumentStrings.insert(argumentStrings.end(), launch.arguments.begin(),
-                           launch.arguments.end());
+    argumentStrings.insert(argumentStrings.end(), launch.arguments.begin(), launch.arguments.end());
     std::vector<char*> argv = pointers(argumentStrings);
     std::vector<std::string> launchStrings = launch.launcher;
     launchStrings.push_back(launch.insideBinaryPath);

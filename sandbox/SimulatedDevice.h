@@ -109,7 +109,7 @@ private:
     std::string baseDirectory; // tmpfs: root/ and the daemon's output file
     std::string rootDirectory;
     bool baseMounted = false;
-    bool binaryBound = false; // the daemon binary inside the root, for a launcher
+    bool binaryBound = false;        // the daemon binary inside the root, for a launcher
     std::string procFilesystemsFile; // bound over /proc/filesystems; "": the kernel's
     std::unique_ptr<RootView> view;
     std::unique_ptr<FakeSysfs> fakeSysfs;

@@ -11,6 +11,9 @@
 
 #include <csignal>
 #include <fstream>
+#include <memory>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -51,9 +54,9 @@ TEST(CaptureText, BadInputIsRefusedWithItsLine)
     for (const auto& [text, message] : Rows<const char*, const char*>{
              {"KERNEL[1.5] add /d (b)\nACTION=add\nDEVPATH=/d\nSUBSYSTEM=b\n\n",
               "line 1: truncated record"},
-             {"# note\nKERNEL[1.5] add /d (b)\nACTION=add\nDEVPATH /d\n",
+             {"# note\nKERNEL[1.5] add /d (b)\nACTION=add\nDEVPATH /d\n\n",
               "line 4: entry without \"=\""},
-             {"\nKERNEL[1.5] add /d\nACTION=add\n", "line 2: header does not parse"},
+             {"\nKERNEL[1.5] add /d\nACTION=add\n\n# more\n", "line 2: header does not parse"},
              {"SYSFS file /sys/../etc/passwd x\n",
               "line 1: sysfs path is not a plain path below /sys/"}}) {
         try {
@@ -65,7 +68,7 @@ TEST(CaptureText, BadInputIsRefusedWithItsLine)
     }
 }
 
-TEST(CaptureText, PastesQuotedAsMailOrWithTrailingBlanksReadAsTheyWere)
+TEST(CaptureText, PastesQuotedTrimmedOrCutShortReadAsTheyWere)
 {
     const std::string paste = "KERNEL[12.5] add      /d/sda1 (block)\nACTION=add\n"
                               "DEVPATH=/d/sda1\nSUBSYSTEM=block\nDEVNAME=/dev/sda1\n"
@@ -86,7 +89,10 @@ TEST(CaptureText, PastesQuotedAsMailOrWithTrailingBlanksReadAsTheyWere)
     for (const auto& [text, devpath, note] : Rows<std::string, const char*, const char*>{
              {edited("> ", ""), "/d/sda1", "quoted with \"> \": the quote marks were removed"},
              {edited(">> ", "  "), "/d/sda1", "blanks at the end of 9 lines were removed"},
-             {own, "/d/sda1 ", ""}}) {
+             {own, "/d/sda1 ", ""},
+             // Cut off in the middle of the next record, as by a power loss.
+             {own + "KERNEL[13.0] remove /d/sda1 (block)\nACTION=remove\nDEVPA", "/d/sda1 ",
+              "ends in the middle of a record (line 14: entry without"}}) {
         std::vector<std::string> notes;
         const auto records = CaptureReader::read(text, &notes);
         ASSERT_FALSE(records.empty()) << text;
@@ -115,6 +121,10 @@ TEST(CaptureTool, ReportsBadOptionsAndEndsOnItsLimit)
         EXPECT_EQ(WEXITSTATUS(pclose(pipe)), status) << arguments;
         EXPECT_NE(output.find(message), std::string::npos) << arguments << ": " << output;
     }
+    struct stat limited {};
+    EXPECT_EQ(stat("/tmp/dhh-capture-limit", &limited), 0);
+    EXPECT_LE(limited.st_size, 16384) << "the capture grew past its limit";
+    unlink("/tmp/dhh-capture-limit");
 }
 
 TEST(CaptureTool, KernelUeventsOfAPartitionReplayAgainstTheDaemon)
@@ -163,6 +173,90 @@ TEST(CaptureTool, KernelUeventsOfAPartitionReplayAgainstTheDaemon)
         EXPECT_EQ(session.state(), expected);
     }
     EXPECT_EQ(session.stop(), 0);
+}
+
+// hotplug_capture in a sandbox of its own, where only injected datagrams arrive.
+class CaptureSandbox : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string why;
+        if (!Sandbox::Namespaces::canRun(why)) {
+            GTEST_SKIP() << "needs root and namespaces: " << why;
+        }
+    }
+    void start(const std::vector<std::string>& arguments)
+    {
+        Sandbox::SimulatedDevice::Options options;
+        options.daemonPath = DHH_CAPTURE_PATH;
+        options.arguments = arguments;
+        device = std::make_unique<Sandbox::SimulatedDevice>(options);
+        ASSERT_EQ(mkdir(device->path("/small").c_str(), 0755), 0);
+        ASSERT_EQ(mount("small", device->path("/small").c_str(), "tmpfs", 0, "size=64k"), 0);
+        device->start();
+        ASSERT_TRUE(device->waitUntilListening(10000)) << device->output();
+    }
+    std::vector<Capture::CaptureRecord> datagrams(const std::string& file) const
+    {
+        auto records = CaptureReader::read(device->readFile(file));
+        records.erase(std::remove_if(records.begin(), records.end(),
+                                     [](const auto& record) {
+                                         return record.kind !=
+                                                Capture::CaptureRecord::Kind::Datagram;
+                                     }),
+                      records.end());
+        return records;
+    }
+
+    std::unique_ptr<Sandbox::SimulatedDevice> device;
+};
+
+// A backlog queued while the tool stood still: a signal ends it after a
+// batch, not after the whole backlog; a count ends it exactly there.
+TEST_F(CaptureSandbox, EndsOnASignalOrItsCountWhileABacklogWaits)
+{
+    const std::vector<std::string> backlog(
+        5000, Sandbox::Uevent::usbDevice("add", "/devices/u/usb1/1-1/1-1.2", "bus/usb/001/002")
+                  .datagram());
+    for (const auto& [arguments, signal, reason] :
+         std::initializer_list<std::tuple<std::vector<std::string>, int, std::string>>{
+             {{"-o", "/tmp/capture"}, SIGTERM, "SIGTERM"},
+             {{"-s", "64M", "-o", "/tmp/capture"}, SIGINT, "SIGINT"},
+             {{"-n", "20", "-o", "/tmp/capture"}, 0, "count reached"}}) {
+        start(arguments);
+        device->signal(SIGSTOP);
+        device->injectRawBurst(backlog.data(), backlog.size());
+        if (signal != 0) {
+            device->signal(signal);
+        }
+        device->signal(SIGCONT);
+        EXPECT_EQ(device->waitExit(30000), 0) << device->output();
+        const auto taken = datagrams("/tmp/capture").size();
+        EXPECT_NE(device->readFile("/tmp/capture").find("# ended by " + reason), std::string::npos);
+        EXPECT_TRUE(signal != 0 ? taken < backlog.size() : taken == 20U) << taken << " datagrams";
+    }
+}
+
+// A full disk: the file ends on its last whole record and says why, and reads back.
+TEST_F(CaptureSandbox, EndsOnAFullDiskWithItsLastWholeRecord)
+{
+    start({"-o", "/small/capture"});
+    const std::string datagram =
+        Sandbox::Uevent::usbDevice("add", "/devices/u/usb1/1-1/1-1.2/" + std::string(400, 'x'),
+                                   "bus/usb/001/002")
+            .datagram();
+    for (int burst = 0; burst < 100 && device->isAlive(); ++burst) {
+        device->injectRaw(datagram);
+        Sandbox::SimulatedDevice::waitUntil([&] { return !device->isAlive(); }, 5);
+    }
+    EXPECT_EQ(device->waitExit(10000), 1);
+    EXPECT_NE(device->output().find("No space left on device"), std::string::npos);
+    const std::string text = device->readFile("/small/capture");
+    const auto taken = datagrams("/small/capture").size();
+    EXPECT_GT(taken, 0U);
+    const std::string lastLine = text.substr(text.rfind('\n', text.size() - 2) + 1);
+    EXPECT_EQ(lastLine, "# ended by a write error (No space left on device) after " +
+                            std::to_string(taken) + " datagrams, 0 overflows\n");
 }
 
 } // namespace

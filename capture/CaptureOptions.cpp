@@ -1,11 +1,10 @@
 #include "capture/CaptureOptions.h"
 
-#include "capture/GetoptRefusal.h"
+#include "capture/OptionScanner.h"
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <getopt.h>
 #include <stdexcept>
 
 namespace Capture {
@@ -42,14 +41,6 @@ unsigned long byteCount(const std::string& option, const std::string& text)
     return value * unit;
 }
 
-// The option in hand as the messages name it: getopt_long sets the long
-// option's index only when the long form was used.
-std::string optionName(const option* longOptions, int index, int letter)
-{
-    return index >= 0 ? std::string("--") + longOptions[index].name
-                      : std::string("-") + static_cast<char>(letter);
-}
-
 } // namespace
 
 const char* CaptureOptions::usage()
@@ -76,18 +67,13 @@ CaptureOptions CaptureOptions::parse(int argc, char** argv)
                                          {nullptr, 0, nullptr, 0}};
     CaptureOptions options;
     bool sizeGiven = false;
-    optind = 0; // a fresh scan, also when called again
-    opterr = 0; // the messages below are ours
-    for (;;) {
-        int index = -1;
-        const int letter = getopt_long(argc, argv, ":o:n:t:s:h", longOptions, &index);
-        if (letter == -1) {
-            break;
-        }
-        const std::string name = optionName(longOptions, index, letter);
+    FieldTools::OptionScanner scanner(argc, argv, ":o:n:t:s:h", longOptions);
+    for (int letter; (letter = scanner.next()) != -1;) {
+        const std::string name = scanner.name();
+        const std::string argument = scanner.argument();
         switch (letter) {
         case 'o':
-            options.output = optarg;
+            options.output = argument;
             if (options.output.empty()) {
                 throw std::invalid_argument(name + " needs a file name");
             }
@@ -96,13 +82,13 @@ CaptureOptions CaptureOptions::parse(int argc, char** argv)
             options.sysfs = true;
             break;
         case 'n':
-            options.count = positiveNumber(name, optarg);
+            options.count = positiveNumber(name, argument);
             break;
         case 't':
-            options.durationS = positiveNumber(name, optarg);
+            options.durationS = positiveNumber(name, argument);
             break;
         case 's':
-            options.maxBytes = byteCount(name, optarg);
+            options.maxBytes = byteCount(name, argument);
             if (options.maxBytes < minimumBytes) {
                 throw std::invalid_argument(name + " needs at least 16K: the header alone takes a "
                                                    "few kilobytes");
@@ -113,11 +99,11 @@ CaptureOptions CaptureOptions::parse(int argc, char** argv)
             options.help = true;
             break;
         default:
-            throw Capture::getoptRefusal(letter, argv);
+            break;
         }
     }
-    if (optind < argc) {
-        throw std::invalid_argument("unexpected argument \"" + std::string(argv[optind]) + "\"");
+    if (scanner.operandsLeft()) {
+        throw std::invalid_argument("unexpected argument \"" + scanner.nextOperand() + "\"");
     }
     if (!sizeGiven && !options.output.empty()) {
         options.maxBytes = defaultFileBytes;

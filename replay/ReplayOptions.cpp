@@ -1,8 +1,7 @@
 #include "replay/ReplayOptions.h"
 
-#include "capture/GetoptRefusal.h"
+#include "capture/OptionScanner.h"
 
-#include <getopt.h>
 #include <stdexcept>
 
 namespace Replay {
@@ -50,38 +49,35 @@ ReplayOptions ReplayOptions::parse(int argc, char** argv, const std::string& def
                                          {nullptr, 0, nullptr, 0}};
     ReplayOptions options;
     options.daemon = defaultDaemon;
-    optind = 0; // a fresh scan, also when called again
-    opterr = 0; // the messages below are ours
-    for (int letter; (letter = getopt_long(argc, argv, ":h", longOptions, nullptr)) != -1;) {
+    FieldTools::OptionScanner scanner(argc, argv, ":h", longOptions);
+    for (int letter; (letter = scanner.next()) != -1;) {
         switch (letter) {
         case daemonOption:
-            options.daemon = optarg;
+            options.daemon = scanner.argument();
             break;
         case fastOption:
             options.fast = true;
             break;
         case expectOption:
-            options.expect = optarg;
+            options.expect = scanner.argument();
             break;
         case imageOption:
-            addPair("--image", optarg, options.images);
+            addPair("--image", scanner.argument(), options.images);
             break;
         case addressOption:
-            addPair("--address", optarg, options.addresses);
+            addPair("--address", scanner.argument(), options.addresses);
             break;
         case 'h':
             options.help = true;
             break;
         default:
-            throw Capture::getoptRefusal(letter, argv);
+            break;
         }
     }
-    if (optind < argc) {
-        options.capture = argv[optind++];
-    }
-    if (optind < argc) {
-        throw std::invalid_argument("one capture at a time, not also \"" +
-                                    std::string(argv[optind]) + "\"");
+    options.capture = scanner.nextOperand();
+    if (scanner.operandsLeft()) {
+        throw std::invalid_argument("one capture at a time, not also \"" + scanner.nextOperand() +
+                                    "\"");
     }
     if (options.capture.empty() && !options.help) {
         throw std::invalid_argument("which capture?");

@@ -7,6 +7,7 @@
 #include "replay/ReplayOptions.h"
 #include "replay/ReplaySession.h"
 #include "sandbox/Namespaces.h"
+#include "sandbox/SystemError.h"
 
 #include <algorithm>
 #include <csignal>
@@ -151,7 +152,7 @@ void catchStopSignals()
     sigemptyset(&action.sa_mask);
     for (const int number : {SIGINT, SIGTERM}) {
         if (sigaction(number, &action, nullptr) != 0) {
-            throw std::system_error(errno, std::generic_category(), "sigaction");
+            throw Sandbox::systemError("sigaction");
         }
     }
 }

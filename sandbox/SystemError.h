@@ -1,18 +1,18 @@
-// Builds the exception for a failed system call from errno, so that every
-// message names the class, the call and its object ("LoopDisk: open /dev/loop3").
-// Callers must build it right after the failing call, before errno can change.
+// A failed system call, as the field tools report one: a std::system_error
+// that keeps errno and reads "what: error text" ("LoopDisk: open /dev/loop3:
+// No such file or directory"). Build it right after the failing call, before
+// errno can change; failures that are no system call's stay runtime_error.
 #pragma once
 
 #include <cerrno>
-#include <cstring>
-#include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace Sandbox {
 
-inline std::runtime_error systemError(const std::string& what, int error = errno)
+inline std::system_error systemError(const std::string& what, int error = errno)
 {
-    return std::runtime_error(what + ": " + std::strerror(error));
+    return {error, std::generic_category(), what};
 }
 
 } // namespace Sandbox

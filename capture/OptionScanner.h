@@ -11,7 +11,7 @@ namespace FieldTools {
 class OptionScanner {
 public:
     // The arrays must outlive the scanner.
-    OptionScanner(int argc, char** argv, const char* shortOptions, const option* longOptions);
+    OptionScanner(int count, char** arguments, const char* shorts, const option* longs);
 
     // The next option's value (its letter, or the long option's val), -1
     // after the last one; throws std::invalid_argument for a refused one.

@@ -47,8 +47,9 @@ std::string CapturedSysfs::madeUpAddress(const std::string& interface)
         number = std::stoul(interface.substr(digits));
     }
     char text[32];
-    std::snprintf(text, sizeof(text), "02:00:00:%02lx:%02lx:%02lx", (number >> 16U) & 0xffU,
-                  (number >> 8U) & 0xffU, number & 0xffU);
+    static_cast<void>(std::snprintf(text, sizeof(text), "02:00:00:%02lx:%02lx:%02lx",
+                                    (number >> 16U) & 0xffU, (number >> 8U) & 0xffU,
+                                    number & 0xffU));
     return text;
 }
 

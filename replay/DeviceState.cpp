@@ -84,6 +84,7 @@ std::vector<std::string> DeviceState::diff(std::vector<std::string> expected,
     std::set_difference(actual.begin(), actual.end(), expected.begin(), expected.end(),
                         std::back_inserter(extra));
     std::vector<std::string> lines;
+    lines.reserve(missing.size() + extra.size());
     for (const auto& line : missing) {
         lines.push_back("-" + line);
     }

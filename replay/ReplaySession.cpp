@@ -67,8 +67,8 @@ ReplaySession::~ReplaySession() = default;
 void ReplaySession::say(const std::string& line) const
 {
     if (settings.out != nullptr) {
-        std::fputs((line + "\n").c_str(), settings.out);
-        std::fflush(settings.out);
+        static_cast<void>(std::fputs((line + "\n").c_str(), settings.out));
+        static_cast<void>(std::fflush(settings.out));
     }
 }
 
@@ -118,7 +118,6 @@ void ReplaySession::layDown(const CaptureRecord& record)
         sysfs->apply(record);
         break;
     case CaptureRecord::Kind::Filesystems: // shown to the daemon from its start
-        break;
     case CaptureRecord::Kind::Datagram:
         break;
     }

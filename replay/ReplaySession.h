@@ -36,7 +36,7 @@ public:
     };
 
     // Builds the sandbox; throws std::runtime_error naming the step that failed.
-    ReplaySession(std::vector<Capture::CaptureRecord> records, Settings settings);
+    ReplaySession(std::vector<Capture::CaptureRecord> captured, Settings chosen);
     ~ReplaySession();
     ReplaySession(const ReplaySession&) = delete;
     ReplaySession& operator=(const ReplaySession&) = delete;

@@ -58,6 +58,16 @@ std::string defaultDaemon()
     return access(DHH_DAEMON_PATH, X_OK) == 0 ? DHH_DAEMON_PATH : DHH_INSTALLED_DAEMON_PATH;
 }
 
+void out(const std::string& line)
+{
+    static_cast<void>(std::fputs((line + "\n").c_str(), stdout));
+}
+
+void complain(const std::string& line)
+{
+    static_cast<void>(std::fputs(("hotplug_replay: " + line + "\n").c_str(), stderr));
+}
+
 std::string joined(const std::vector<std::string>& words)
 {
     std::string text;
@@ -82,14 +92,14 @@ void describeFilesystems(const std::string& deviceList)
             lacking.push_back(type);
         }
     }
-    std::printf("   /proc/filesystems: the device's, as captured: %s\n", joined(device).c_str());
+    out("   /proc/filesystems: the device's, as captured: " + joined(device));
     if (!lacking.empty()) {
-        std::printf("   this workstation's kernel cannot mount %s: the daemon's attempts with them "
-                    "fail here, and it goes on to the next type as on the device\n",
-                    joined(lacking).c_str());
+        out("   this workstation's kernel cannot mount " + joined(lacking) +
+            ": the daemon's attempts with them fail here, and it goes on to the next type as on "
+            "the device");
     }
     if (std::find(device.begin(), device.end(), "ext4") == device.end()) {
-        std::printf("   the device offers no ext4: the stand-in ext4 images will not mount\n");
+        out("   the device offers no ext4: the stand-in ext4 images will not mount");
     }
 }
 
@@ -119,21 +129,24 @@ ReadCapture readCapture(const Replay::ReplayOptions& options)
                        "wanted)\nnothing was replayed");
     }
     for (const auto& note : notes) {
-        std::fprintf(stderr, "hotplug_replay: %s: %s\n", options.capture.c_str(), note.c_str());
+        complain(options.capture + ": " + note);
     }
     return capture;
 }
 
 void announce(const Replay::ReplayOptions& options, const Replay::ReplayPlan& plan)
 {
-    std::printf("== hotplug_replay %s: %zu datagrams over %.1f s%s; daemon %s\n",
-                options.capture.c_str(), plan.datagrams, static_cast<double>(plan.spanUs) / 1e6,
-                options.fast ? " (sent fast)" : "", options.daemon.c_str());
+    char span[32];
+    static_cast<void>(
+        std::snprintf(span, sizeof(span), "%.1f", static_cast<double>(plan.spanUs) / 1e6));
+    out("== hotplug_replay " + options.capture + ": " + std::to_string(plan.datagrams) +
+        " datagrams over " + span + " s" + (options.fast ? " (sent fast)" : "") + "; daemon " +
+        options.daemon);
     for (const auto& name : plan.partitions) {
         const auto image = options.images.find(name);
-        std::printf("   /dev/%s: %s\n", name.c_str(),
-                    image == options.images.end() ? "an empty ext4 file system"
-                                                  : ("the image " + image->second).c_str());
+        out("   /dev/" + name + ": " +
+            (image == options.images.end() ? "an empty ext4 file system"
+                                           : "the image " + image->second));
     }
     if (plan.deviceFilesystems) {
         describeFilesystems(*plan.deviceFilesystems);
@@ -162,14 +175,13 @@ int compare(const Replay::ReplayOptions& options, const std::vector<std::string>
 {
     const auto differences = DeviceState::diff(expected, state);
     if (!differences.empty()) {
-        std::fprintf(stderr, "hotplug_replay: the state differs from %s:\n",
-                     options.expect.c_str());
+        complain("the state differs from " + options.expect + ":");
         for (const auto& line : differences) {
-            std::fprintf(stderr, "%s\n", line.c_str());
+            static_cast<void>(std::fputs((line + "\n").c_str(), stderr));
         }
         return 1;
     }
-    std::printf("# the state is the one %s expects\n", options.expect.c_str());
+    out("# the state is the one " + options.expect + " expects");
     return 0;
 }
 
@@ -184,7 +196,7 @@ int replay(const Replay::ReplayOptions& options)
     }
     std::string why;
     if (!Sandbox::Namespaces::canRun(why)) {
-        std::fprintf(stderr, "hotplug_replay: the sandbox needs root: %s\n", why.c_str());
+        complain("the sandbox needs root: " + why);
         return 1;
     }
 
@@ -208,12 +220,13 @@ int replay(const Replay::ReplayOptions& options)
                           : "after the replay");
     const int status = session.stop();
     if (status >= 0) {
-        std::printf("# the daemon stopped on SIGTERM with exit status %d\n", status);
+        out("# the daemon stopped on SIGTERM with exit status " + std::to_string(status));
     }
-    std::fflush(stdout);
+    static_cast<void>(std::fflush(stdout));
     if (stoppedBy != 0) {
-        std::fprintf(stderr, "hotplug_replay: SIG%s ended the replay after %zu of %zu datagrams\n",
-                     sigabbrev_np(stoppedBy), session.sentDatagrams(), capture.plan.datagrams);
+        complain(std::string("SIG") + sigabbrev_np(stoppedBy) + " ended the replay after " +
+                 std::to_string(session.sentDatagrams()) + " of " +
+                 std::to_string(capture.plan.datagrams) + " datagrams");
         return 1;
     }
     if (!options.expect.empty() && compare(options, expected, state) != 0) {
@@ -230,24 +243,23 @@ int main(int argc, char** argv)
     try {
         options = Replay::ReplayOptions::parse(argc, argv, defaultDaemon());
         if (options.help) {
-            std::fputs(Replay::ReplayOptions::usage(), stdout);
+            static_cast<void>(std::fputs(Replay::ReplayOptions::usage(), stdout));
             return 0;
         }
         return replay(options);
     } catch (const std::invalid_argument& error) {
-        std::fprintf(stderr, "hotplug_replay: %s\n%s", error.what(),
-                     Replay::ReplayOptions::usage());
+        complain(error.what());
+        static_cast<void>(std::fputs(Replay::ReplayOptions::usage(), stderr));
         return 2;
     } catch (const BadInput& error) {
-        std::fprintf(stderr, "hotplug_replay: %s\n", error.what());
+        complain(error.what());
         return 2;
     } catch (const std::exception& error) {
         const std::string text = error.what();
         const bool foreign = text.find("Exec format error") != std::string::npos;
-        std::fprintf(stderr, "hotplug_replay: %s%s\n", text.c_str(),
-                     foreign ? " (a 32-bit x86 or ARM daemon runs through qemu-user once "
-                               "scripts/binfmt.sh has registered it)"
-                             : "");
+        complain(text + (foreign ? " (a 32-bit x86 or ARM daemon runs through qemu-user once "
+                                   "scripts/binfmt.sh has registered it)"
+                                 : ""));
         return 1;
     }
 }

@@ -55,7 +55,7 @@ std::string Command::find(const std::string& program)
 {
     // The test runner's PATH may lack the sbin directories where these tools live.
     for (const char* directory : {"/usr/sbin", "/usr/bin", "/sbin", "/bin"}) {
-        const std::string candidate = std::string(directory) + "/" + program;
+        std::string candidate = std::string(directory) + "/" + program;
         if (access(candidate.c_str(), X_OK) == 0) {
             return candidate;
         }
@@ -82,6 +82,7 @@ std::string Command::run(const std::vector<std::string>& arguments, const std::s
 
     // Everything the child touches is prepared before fork: it may only make plain calls.
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const auto& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }

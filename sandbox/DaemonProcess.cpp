@@ -154,6 +154,7 @@ UniqueFd openOrThrow(const std::string& path, int flags, mode_t mode = 0)
 std::vector<char*> pointers(std::vector<std::string>& strings)
 {
     std::vector<char*> result;
+    result.reserve(strings.size() + 1);
     for (auto& text : strings) {
         result.push_back(text.data());
     }

@@ -1,6 +1,7 @@
 #include "sandbox/DevLogSink.h"
 
 #include "sandbox/Namespaces.h"
+#include "sandbox/SystemError.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -20,7 +21,7 @@ namespace {
 
 [[noreturn]] void fail(const std::string& what)
 {
-    std::fprintf(stderr, "DevLogSink: %s: %s\n", what.c_str(), std::strerror(errno));
+    warnSystemError("DevLogSink: " + what);
     std::exit(2);
 }
 
@@ -54,7 +55,8 @@ void Sandbox::DevLogSink::enter()
         return;
     }
     if (geteuid() != 0) {
-        std::fprintf(stderr, "DevLogSink: needs root for a private mount namespace\n");
+        static_cast<void>(
+            std::fputs("DevLogSink: needs root for a private mount namespace\n", stderr));
         std::exit(2);
     }
     try {
@@ -64,7 +66,7 @@ void Sandbox::DevLogSink::enter()
         }
         Namespaces::populateDev("/dev");
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "DevLogSink: %s\n", error.what());
+        static_cast<void>(std::fprintf(stderr, "DevLogSink: %s\n", error.what()));
         std::exit(2);
     }
     drainSyslogAt("/dev/log");

@@ -3,7 +3,6 @@
 #include "sandbox/SystemError.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -17,10 +16,10 @@ namespace Sandbox {
 dev_t LoopDevice::deviceNumber(const std::string& sysfsDevFile)
 {
     std::ifstream file(sysfsDevFile);
-    std::string text;
     unsigned major = 0;
     unsigned minor = 0;
-    if (!std::getline(file, text) || std::sscanf(text.c_str(), "%u:%u", &major, &minor) != 2) {
+    char colon = 0;
+    if (!(file >> major >> colon >> minor) || colon != ':') {
         throw std::runtime_error("loop device: no MAJOR:MINOR in " + sysfsDevFile);
     }
     return makedev(major, minor);
@@ -29,7 +28,7 @@ dev_t LoopDevice::deviceNumber(const std::string& sysfsDevFile)
 std::string LoopDevice::makeNode(const std::string& directory, const std::string& name,
                                  const std::string& sysfsDevFile, mode_t type)
 {
-    const std::string path = directory + "/" + name;
+    std::string path = directory + "/" + name;
     if (mknod(path.c_str(), type | 0600, deviceNumber(sysfsDevFile)) != 0 && errno != EEXIST) {
         throw systemError("loop device: mknod " + path);
     }
@@ -88,8 +87,7 @@ LoopDevice::~LoopDevice()
 {
     // With others still holding the device this only defers the detach (autoclear).
     if (ioctl(loopFd.get(), LOOP_CLR_FD) != 0) {
-        std::fprintf(stderr, "loop device: ioctl(LOOP_CLR_FD) on %s: %s\n", loopName.c_str(),
-                     std::strerror(errno));
+        warnSystemError("loop device: ioctl(LOOP_CLR_FD) on " + loopName);
     }
 }
 

@@ -83,9 +83,9 @@ void LoopDisk::makeWorkDirectory()
     const std::string path = ScratchSpace::makeDirectory("loopdisk");
     // The image's memory goes back with one unmount.
     if (mount("dhh-loopdisk", path.c_str(), "tmpfs", 0, "mode=0700") != 0) {
-        const auto error = systemError("LoopDisk: mount tmpfs on " + path);
+        const int error = errno;
         rmdir(path.c_str());
-        throw error;
+        throw systemError("LoopDisk: mount tmpfs on " + path, error);
     }
     workDirectory = path;
 }
@@ -96,8 +96,7 @@ void LoopDisk::removeWorkDirectory() noexcept
         return;
     }
     if (umount2(workDirectory.c_str(), MNT_DETACH) != 0 || rmdir(workDirectory.c_str()) != 0) {
-        std::fprintf(stderr, "LoopDisk: removing %s: %s\n", workDirectory.c_str(),
-                     std::strerror(errno));
+        warnSystemError("LoopDisk: removing " + workDirectory);
     }
     workDirectory.clear();
 }
@@ -128,8 +127,8 @@ void LoopDisk::detach() noexcept
     try {
         Command::run({"partx", "-d", node(name())});
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "LoopDisk: removing the partitions of %s: %s\n", name().c_str(),
-                     error.what());
+        static_cast<void>(std::fprintf(stderr, "LoopDisk: removing the partitions of %s: %s\n",
+                                       name().c_str(), error.what()));
     }
     loop.reset();
 }

@@ -24,7 +24,7 @@ public:
     };
 
     // Throws std::runtime_error with the failing step; undoes what was done.
-    explicit LoopDisk(const std::vector<Partition>& partitions);
+    explicit LoopDisk(const std::vector<Partition>& layout);
     ~LoopDisk();
     LoopDisk(const LoopDisk&) = delete;
     LoopDisk& operator=(const LoopDisk&) = delete;

@@ -73,16 +73,15 @@ public:
             throw std::runtime_error("ScratchSpace: no folder of its own in " + parent);
         }
         if (mount("dhh-scratch", path.c_str(), "tmpfs", 0, "mode=0755") != 0) {
-            const auto error = systemError("ScratchSpace: mount tmpfs on " + path);
+            const int error = errno;
             rmdir(path.c_str());
-            throw error;
+            throw systemError("ScratchSpace: mount tmpfs on " + path, error);
         }
     }
     ~Folder()
     {
         if (umount2(path.c_str(), MNT_DETACH) != 0 || rmdir(path.c_str()) != 0) {
-            std::fprintf(stderr, "ScratchSpace: removing %s: %s\n", path.c_str(),
-                         std::strerror(errno));
+            warnSystemError("ScratchSpace: removing " + path);
         }
     }
     Folder(const Folder&) = delete;

@@ -393,23 +393,20 @@ void SimulatedDevice::tearDown() noexcept
         try {
             for (const auto& mountPoint : MountTable::below(baseDirectory)) {
                 if (umount2(mountPoint.c_str(), MNT_DETACH) != 0) {
-                    std::fprintf(stderr, "SimulatedDevice: umount2 %s: %s\n", mountPoint.c_str(),
-                                 std::strerror(errno));
+                    warnSystemError("SimulatedDevice: umount2 " + mountPoint);
                 }
             }
         } catch (const std::exception& error) {
             // Detaching the tmpfs below still takes every mount under it along.
-            std::fprintf(stderr, "SimulatedDevice: %s\n", error.what());
+            static_cast<void>(std::fprintf(stderr, "SimulatedDevice: %s\n", error.what()));
         }
         if (umount2(baseDirectory.c_str(), MNT_DETACH) != 0) {
-            std::fprintf(stderr, "SimulatedDevice: umount2 %s: %s\n", baseDirectory.c_str(),
-                         std::strerror(errno));
+            warnSystemError("SimulatedDevice: umount2 " + baseDirectory);
         }
         baseMounted = false;
     }
     if (!baseDirectory.empty() && rmdir(baseDirectory.c_str()) != 0) {
-        std::fprintf(stderr, "SimulatedDevice: rmdir %s: %s\n", baseDirectory.c_str(),
-                     std::strerror(errno));
+        warnSystemError("SimulatedDevice: rmdir " + baseDirectory);
     }
     baseDirectory.clear();
 }

@@ -55,7 +55,7 @@ public:
 
     // Enters the private mount namespace (see Namespaces) and lays out the
     // root; throws std::runtime_error naming the step that failed.
-    explicit SimulatedDevice(const Options& options);
+    explicit SimulatedDevice(const Options& chosen);
     // Kills a daemon still running, unmounts everything under the root (the
     // daemon's mounts included) and removes it; never throws.
     ~SimulatedDevice();

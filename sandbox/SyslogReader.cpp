@@ -42,16 +42,16 @@ SyslogReader::SyslogReader(const std::string& path, Collection collection) : soc
     // Bursts of records must not be dropped while nobody reads.
     int size = 8 * 1024 * 1024;
     if (setsockopt(socketFd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) != 0) {
-        const auto error = systemError("SyslogReader: setsockopt(SO_RCVBUFFORCE) on " + path);
+        const int error = errno;
         unlink(path.c_str());
-        throw error;
+        throw systemError("SyslogReader: setsockopt(SO_RCVBUFFORCE) on " + path, error);
     }
     if (collection == Collection::Background) {
         stopFd.reset(eventfd(0, EFD_CLOEXEC));
         if (!stopFd.valid()) {
-            const auto error = systemError("SyslogReader: eventfd");
+            const int error = errno;
             unlink(path.c_str());
-            throw error;
+            throw systemError("SyslogReader: eventfd", error);
         }
         collector = std::thread(&SyslogReader::collect, this);
     }

@@ -18,7 +18,8 @@ bool SyslogRecord::parse(const std::string& datagram, SyslogRecord& record)
     if (close == std::string::npos || close == 1) {
         return false;
     }
-    record.priority = std::atoi(datagram.substr(1, close - 1).c_str());
+    record.priority =
+        static_cast<int>(std::strtol(datagram.substr(1, close - 1).c_str(), nullptr, 10));
     const auto identStart = close + 1 + timestampLength;
     if (identStart > datagram.size()) {
         return false;

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <system_error>
 
@@ -13,6 +15,12 @@ namespace Sandbox {
 inline std::system_error systemError(const std::string& what, int error = errno)
 {
     return {error, std::generic_category(), what};
+}
+
+// For what fails while tearing down, where nothing may throw: said on stderr.
+inline void warnSystemError(const std::string& what, int error = errno) noexcept
+{
+    static_cast<void>(std::fprintf(stderr, "%s: %s\n", what.c_str(), std::strerror(error)));
 }
 
 } // namespace Sandbox

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Static checks: formatting of every C++ file, then clang-tidy and cppcheck on
-# the product code (the daemon, its libraries and hotplug_capture), and shellcheck
+# everything shipped (the daemon, its libraries, hotplug_capture, and
+# hotplug_replay with the sandbox it runs as root on files from the field), and shellcheck
 # on the scripts and the init script, flake8 on the board's Python driver. Any finding fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -18,9 +19,10 @@ git ls-files '*.py' | xargs -r flake8 --max-line-length=100
 echo "--- clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 
-cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DBUILD_TESTING=OFF >/dev/null
+cmake -S . -B "$dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON -DBUILD_TESTING=OFF -DDHH_BUILD_REPLAY=ON \
+    >/dev/null
 mapfile -t sources < <(git ls-files 'Osal/*.cpp' 'common/*.cpp' 'handler/*.cpp' 'daemon/*.cpp' \
-    'capture/*.cpp')
+    'capture/*.cpp' 'replay/*.cpp' 'sandbox/*.cpp')
 
 echo "--- clang-tidy (${#sources[@]} files)"
 printf '%s\n' "${sources[@]}" | xargs -P "$jobs" -n 4 clang-tidy -p "$dir" --quiet 2>/dev/null

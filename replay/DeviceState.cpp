@@ -85,12 +85,11 @@ std::vector<std::string> DeviceState::diff(std::vector<std::string> expected,
                         std::back_inserter(extra));
     std::vector<std::string> lines;
     lines.reserve(missing.size() + extra.size());
-    for (const auto& line : missing) {
-        lines.push_back("-" + line);
-    }
-    for (const auto& line : extra) {
-        lines.push_back("+" + line);
-    }
+    const auto marked = [&lines](char mark) {
+        return [&lines, mark](const std::string& line) { lines.push_back(mark + line); };
+    };
+    std::for_each(missing.begin(), missing.end(), marked('-'));
+    std::for_each(extra.begin(), extra.end(), marked('+'));
     return lines;
 }
 

@@ -8,8 +8,8 @@
 namespace Replay {
 
 ImageLoop::ImageLoop(const std::string& imagePath)
+    : nodeDirectory(Sandbox::ScratchSpace::makeDirectory("image"))
 {
-    nodeDirectory = Sandbox::ScratchSpace::makeDirectory("image");
     try {
         loop = std::make_unique<Sandbox::LoopDevice>(nodeDirectory, imagePath, true);
     } catch (...) {

@@ -3,6 +3,7 @@
 #include "sandbox/SystemError.h"
 #include "sandbox/UniqueFd.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -81,14 +82,12 @@ std::string Command::run(const std::vector<std::string>& arguments, const std::s
     UniqueFd err = memoryFile("stderr");
 
     // Everything the child touches is prepared before fork: it may only make plain calls.
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 1);
-    for (const auto& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(arguments.size() + 1, nullptr);
+    std::transform(arguments.begin(), arguments.end(), argv.begin(),
+                   [](const std::string& argument) { return const_cast<char*>(argument.c_str()); });
     char localeC[] = "LC_ALL=C";
     char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+    // cppcheck-suppress variableScope ; made before fork, like everything the child uses
     char* environment[] = {localeC, path, nullptr};
 
     const pid_t child = fork();

@@ -2,6 +2,7 @@
 
 #include "sandbox/SystemError.h"
 
+#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -153,12 +154,9 @@ UniqueFd openOrThrow(const std::string& path, int flags, mode_t mode = 0)
 
 std::vector<char*> pointers(std::vector<std::string>& strings)
 {
-    std::vector<char*> result;
-    result.reserve(strings.size() + 1);
-    for (auto& text : strings) {
-        result.push_back(text.data());
-    }
-    result.push_back(nullptr);
+    std::vector<char*> result(strings.size() + 1, nullptr);
+    std::transform(strings.begin(), strings.end(), result.begin(),
+                   [](std::string& text) { return text.data(); });
     return result;
 }
 
@@ -333,13 +331,12 @@ std::optional<DaemonProcess::NetlinkSocket> DaemonProcess::ueventSocket() const
     } catch (const std::runtime_error&) {
         return std::nullopt; // ended meanwhile
     }
-    for (const auto& socket : sockets) {
-        if (socket.protocol == NETLINK_KOBJECT_UEVENT &&
-            socket.port == static_cast<unsigned long>(pidInside)) {
-            return socket;
-        }
-    }
-    return std::nullopt;
+    const auto found =
+        std::find_if(sockets.begin(), sockets.end(), [this](const NetlinkSocket& socket) {
+            return socket.protocol == NETLINK_KOBJECT_UEVENT &&
+                   socket.port == static_cast<unsigned long>(pidInside);
+        });
+    return found == sockets.end() ? std::nullopt : std::optional<NetlinkSocket>(*found);
 }
 
 bool DaemonProcess::listensForUevents() const

@@ -56,11 +56,12 @@ LoopDevice::LoopDevice(const std::string& nodeDirectory, const std::string& back
         if (free < 0) {
             throw systemError("loop device: ioctl(LOOP_CTL_GET_FREE)");
         }
-        const std::string name = "loop" + std::to_string(free);
-        const std::string sysfsDevFile = "/sys/class/block/" + name + "/dev";
-        UniqueFd fd(open(makeNode(nodeDirectory, name, sysfsDevFile, S_IFBLK).c_str(), openMode));
+        const std::string freeName = "loop" + std::to_string(free);
+        const std::string sysfsDevFile = "/sys/class/block/" + freeName + "/dev";
+        UniqueFd fd(
+            open(makeNode(nodeDirectory, freeName, sysfsDevFile, S_IFBLK).c_str(), openMode));
         if (!fd.valid()) {
-            throw systemError("loop device: open " + name);
+            throw systemError("loop device: open " + freeName);
         }
         loop_config config{};
         config.fd = static_cast<__u32>(backing.get());
@@ -69,13 +70,13 @@ LoopDevice::LoopDevice(const std::string& nodeDirectory, const std::string& back
             readOnly ? LO_FLAGS_AUTOCLEAR | LO_FLAGS_READ_ONLY : LO_FLAGS_AUTOCLEAR;
         backingPath.copy(reinterpret_cast<char*>(config.info.lo_file_name), LO_NAME_SIZE - 1);
         if (ioctl(fd.get(), LOOP_CONFIGURE, &config) == 0) {
-            loopName = name;
+            loopName = freeName;
             loopFd = std::move(fd);
             number = deviceNumber(sysfsDevFile);
             return;
         }
         if (errno != EBUSY) {
-            throw systemError("loop device: ioctl(LOOP_CONFIGURE) on " + name);
+            throw systemError("loop device: ioctl(LOOP_CONFIGURE) on " + freeName);
         }
         // Another process took the device between the two calls: ask for the next.
     }

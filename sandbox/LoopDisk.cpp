@@ -4,6 +4,7 @@
 #include "sandbox/ScratchSpace.h"
 #include "sandbox/SystemError.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
@@ -30,9 +31,9 @@ LoopDisk::LoopDisk(const std::vector<Partition>& layout) : partitions(layout)
         // One MiB ahead of the first partition, where sfdisk aligns it.
         off_t mebibytes = 1;
         std::string script = "label: dos\n";
-        for (const auto& partition : layout) {
-            mebibytes += partition.sizeMiB;
-            script += "size=" + std::to_string(partition.sizeMiB) + "MiB, type=83\n";
+        for (const auto& wanted : layout) {
+            mebibytes += wanted.sizeMiB;
+            script += "size=" + std::to_string(wanted.sizeMiB) + "MiB, type=83\n";
         }
         const UniqueFd file(open(image.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
         if (!file.valid() || ftruncate(file.get(), mebibytes * 1024 * 1024) != 0) {
@@ -69,11 +70,12 @@ bool LoopDisk::available(std::string& why)
         why = "loop devices are not available (no /sys/class/misc/loop-control)";
         return false;
     }
-    for (const char* tool : {"sfdisk", "partx", "mkfs.ext4"}) {
-        if (Command::find(tool).empty()) {
-            why = std::string(tool) + " is not installed";
-            return false;
-        }
+    const auto tools = {"sfdisk", "partx", "mkfs.ext4"};
+    const auto* missing = std::find_if(
+        tools.begin(), tools.end(), [](const char* tool) { return Command::find(tool).empty(); });
+    if (missing != tools.end()) {
+        why = std::string(*missing) + " is not installed";
+        return false;
     }
     return true;
 }
@@ -105,11 +107,11 @@ void LoopDisk::addPartitions()
 {
     // Partitions left by a test process that died on this device make "partx -a" fail.
     const std::string prefix = name() + "p";
-    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block/" + name())) {
-        if (entry.path().filename().string().compare(0, prefix.size(), prefix) == 0) {
-            Command::run({"partx", "-d", node(name())});
-            break;
-        }
+    const std::filesystem::directory_iterator entries("/sys/class/block/" + name());
+    if (std::any_of(begin(entries), end(entries), [&prefix](const auto& entry) {
+            return entry.path().filename().string().compare(0, prefix.size(), prefix) == 0;
+        })) {
+        Command::run({"partx", "-d", node(name())});
     }
     // The kernel's own scan ("losetup -P") does not add them everywhere; partx does.
     Command::run({"partx", "-a", node(name())});

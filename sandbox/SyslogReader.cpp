@@ -2,6 +2,7 @@
 
 #include "sandbox/SystemError.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <exception>
 #include <poll.h>
@@ -171,11 +172,9 @@ bool SyslogReader::waitForText(const std::string& text, int timeoutMs)
 
 std::vector<std::string> SyslogReader::texts() const
 {
-    std::vector<std::string> result;
-    result.reserve(records.size());
-    for (const auto& record : records) {
-        result.push_back(record.text);
-    }
+    std::vector<std::string> result(records.size());
+    std::transform(records.begin(), records.end(), result.begin(),
+                   [](const SyslogRecord& record) { return record.text; });
     return result;
 }
 

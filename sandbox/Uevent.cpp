@@ -18,9 +18,9 @@ const std::string sequenceKey = "SEQNUM";
 } // namespace
 
 Uevent::Uevent(const std::string& action, const std::string& devpath)
-    : header(action + "@" + devpath), sequenceNumber(nextSequenceNumber())
+    : header(action + "@" + devpath), pairs{{"ACTION", action}, {"DEVPATH", devpath}},
+      sequenceNumber(nextSequenceNumber())
 {
-    pairs = {{"ACTION", action}, {"DEVPATH", devpath}};
 }
 
 Uevent Uevent::partition(const std::string& action, const std::string& devpath,

@@ -87,6 +87,7 @@ TEST_F(ReplayFolder, RefusesHostileInputBeforeItBuildsAnything)
               "", "has an empty, \".\" or \"..\" component"},
              {"SYSFS link /sys/class/net/eth1 ../../../proc/1/root/etc\n" + usb, "",
               "leads out of /sys"},
+             {partitionAdd("../sdb1"), "", "device name \"../sdb1\" holds \"/\""},
              {partitionAdd("null"), "", "partition name \"null\" is taken by the sandbox's"},
              {partitionAdd(std::string(256, 'a')), "", "longer than 255 bytes"},
              {partitionAdd("sda1"), "--expect " + folder.string(), "is not a regular file"},
@@ -131,9 +132,56 @@ TEST_F(ReplayFolder, BoundsItsWaitsAndLeavesNothingWhenStopped)
             << said;
         EXPECT_EQ(leftovers({"capture", "output"}), std::vector<std::string>{});
     }
+    // --fast skips the capture's gap of a lifetime, or the 10 s timeout ends the run.
     const ToolRun next = replay("--fast " + capture);
     EXPECT_EQ(next.status, 0) << next.output;
     EXPECT_EQ(leftovers({"capture", "output"}), std::vector<std::string>{});
+}
+
+// --expect turns a field report into a regression test: any mount, link or
+// file more or less than the listing fails it.
+TEST_F(ReplayFolder, ExpectFindsEveryDifferenceInTheState)
+{
+    std::string why;
+    if (!canRunSandboxes(why)) {
+        GTEST_SKIP() << "needs root, namespaces and loop devices: " << why;
+    }
+    const std::string hub = "/devices/platform/ehci/usb1/1-1/1-1.";
+    const auto record = [](const std::string& devpath, const std::string& keys) {
+        return "KERNEL[1.0] add " + devpath + " (x)\nACTION=add\nDEVPATH=" + devpath + "\n" + keys +
+               "SEQNUM=1\n\n";
+    };
+    const std::string capture =
+        write("capture",
+              record(hub + "2", "SUBSYSTEM=usb\nDEVNAME=bus/usb/001/002\nDEVTYPE=usb_device\n") +
+                  record(hub + "2/1-1.2:1.0/host0/target0:0:0/0:0:0:0/block/sda/sda1",
+                         "SUBSYSTEM=block\nDEVNAME=sda1\nDEVTYPE=partition\n") +
+                  record(hub + "6/1-1.6:1.0/net/eth1", "SUBSYSTEM=net\nINTERFACE=eth1\n"));
+    const std::vector<std::string> state = {
+        "file /ravo500/devs/cascade/ravo-casc-info 02:00:00:00:00:01%eth1\\x0a",
+        "link /ravo500/devs/usb1-2/usbdev -> /dev/bus/usb/001/002",
+        "mount /mnt/usb/sda1 ext4 ro,relatime"};
+    const auto listing = [&](const std::vector<std::string>& lines) {
+        std::string text = "# the state the report expects\n";
+        for (const auto& line : lines) {
+            text += line + "\n";
+        }
+        return write("state", text);
+    };
+    const ToolRun same = replay("--fast --expect " + listing(state) + " " + capture);
+    EXPECT_EQ(same.status, 0) << same.output;
+    EXPECT_NE(same.output.find("# the state is the one"), std::string::npos) << same.output;
+    const ToolRun none = replay("--fast --expect " + listing({}) + " " + capture);
+    EXPECT_EQ(none.status, 1) << none.output;
+    for (const auto& line : state) {
+        EXPECT_NE(none.output.find("\n+" + line + "\n"), std::string::npos) << line;
+    }
+    const std::string missing = "link /ravo500/devs/usb1-3/usbdev -> /dev/bus/usb/001/003";
+    auto more = state;
+    more.push_back(missing);
+    const ToolRun less = replay("--fast --expect " + listing(more) + " " + capture);
+    EXPECT_EQ(less.status, 1) << less.output;
+    EXPECT_NE(less.output.find("\n-" + missing + "\n"), std::string::npos) << less.output;
 }
 
 // The demonstration as a newcomer reads it: the device's list of file system

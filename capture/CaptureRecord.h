@@ -21,7 +21,8 @@ struct CaptureRecord {
     bool fromUdevadm = false; // rebuilt from udevadm's rearranged form
 
     // The value of the datagram's last KEY=VALUE string with this key, the
-    // one the daemon's decoder would keep; "" when there is none.
+    // one the daemon's decoder would keep; "" when there is none. The decoder
+    // itself keeps only the keys it acts on, of the devices it handles.
     std::string value(const std::string& key) const;
 };
 

@@ -15,7 +15,8 @@ namespace {
 
 using Capture::CaptureRecord;
 
-// The value of the first line that starts with KEY=, as the daemon's scan reads a uevent file.
+// The value of the first line that starts with KEY=: a uevent file's grammar,
+// read as the daemon's scan reads DEVNAME (the decoder reads datagrams).
 std::optional<std::string> fileValue(const std::string& content, const std::string& key)
 {
     const std::string wanted = key + "=";

@@ -41,6 +41,16 @@ unsigned long byteCount(const std::string& option, const std::string& text)
     return value * unit;
 }
 
+unsigned long sizeLimit(const std::string& option, const std::string& text)
+{
+    const unsigned long bytes = byteCount(option, text);
+    if (bytes < minimumBytes) {
+        throw std::invalid_argument(option + " needs at least 16K: the header alone takes a few "
+                                             "kilobytes");
+    }
+    return bytes;
+}
+
 } // namespace
 
 const char* CaptureOptions::usage()
@@ -88,11 +98,7 @@ CaptureOptions CaptureOptions::parse(int argc, char** argv)
             options.durationS = positiveNumber(name, argument);
             break;
         case 's':
-            options.maxBytes = byteCount(name, argument);
-            if (options.maxBytes < minimumBytes) {
-                throw std::invalid_argument(name + " needs at least 16K: the header alone takes a "
-                                                   "few kilobytes");
-            }
+            options.maxBytes = sizeLimit(name, argument);
             sizeGiven = true;
             break;
         case 'h':

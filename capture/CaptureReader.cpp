@@ -185,68 +185,82 @@ size_t readKernelRecord(const std::vector<Line>& lines, size_t index,
     return index;
 }
 
+void readRawLine(const Line& line, CaptureRecord& record)
+{
+    std::string rest;
+    record.kind = CaptureRecord::Kind::Datagram;
+    if (!splitStamped(line.text, "RAW", record.timeUs, rest) || tokens(rest).size() != 1) {
+        throw CaptureFormatError(line.number, line.text,
+                                 "RAW line does not parse: expected RAW[SECONDS.MICROSECONDS] "
+                                 "ESCAPED-BYTES");
+    }
+    record.data = TextEscape::decode(tokens(rest)[0]);
+}
+
+void readLostLine(const Line& line, CaptureRecord& record)
+{
+    std::string rest;
+    record.kind = CaptureRecord::Kind::Lost;
+    if (!splitStamped(line.text, "LOST", record.timeUs, rest)) {
+        throw CaptureFormatError(line.number, line.text,
+                                 "LOST line does not parse: expected LOST[SECONDS.MICROSECONDS] "
+                                 "TEXT");
+    }
+    record.data = TextEscape::decode(rest);
+}
+
+void readSysfsLine(const Line& line, CaptureRecord& record)
+{
+    const auto fields = tokens(line.text.substr(6));
+    const bool link = !fields.empty() && fields[0] == "link" && fields.size() == 3;
+    const bool file =
+        !fields.empty() && fields[0] == "file" && (fields.size() == 2 || fields.size() == 3);
+    if (!link && !file) {
+        throw CaptureFormatError(line.number, line.text,
+                                 "SYSFS line does not parse: expected SYSFS link PATH TARGET "
+                                 "or SYSFS file PATH [CONTENT]");
+    }
+    record.kind = link ? CaptureRecord::Kind::SysfsLink : CaptureRecord::Kind::SysfsFile;
+    record.path = TextEscape::decode(fields[1]);
+    record.data = fields.size() == 3 ? TextEscape::decode(fields[2]) : "";
+    if (!isSysfsPath(record.path)) {
+        throw CaptureFormatError(line.number, line.text,
+                                 "sysfs path is not a plain path below /sys/: " + record.path);
+    }
+}
+
+void readFilesystemsLine(const Line& line, CaptureRecord& record)
+{
+    const auto fields = tokens(line.text.substr(12));
+    if (fields.size() != 1) {
+        throw CaptureFormatError(line.number, line.text,
+                                 "FILESYSTEMS line does not parse: expected FILESYSTEMS CONTENT");
+    }
+    record.kind = CaptureRecord::Kind::Filesystems;
+    record.data = TextEscape::decode(fields[0]);
+}
+
+void readComment(const Line& line, CaptureRecord& record)
+{
+    record.kind = CaptureRecord::Kind::Comment;
+    record.data = line.text.substr(startsWith(line.text, "# ") ? 2 : 1);
+}
+
 // One of the single-line records, or noise; false for noise.
 bool readLineRecord(const Line& line, CaptureRecord& record)
 {
-    const std::string& text = line.text;
+    static const std::pair<const char*, void (*)(const Line&, CaptureRecord&)> kinds[] = {
+        {"RAW[", readRawLine},
+        {"LOST[", readLostLine},
+        {"SYSFS ", readSysfsLine},
+        {"FILESYSTEMS ", readFilesystemsLine},
+        {"#", readComment}};
     record.line = line.number;
-    std::string rest;
-    if (startsWith(text, "RAW[")) {
-        record.kind = CaptureRecord::Kind::Datagram;
-        const bool parsed = splitStamped(text, "RAW", record.timeUs, rest);
-        if (!parsed || tokens(rest).size() != 1) {
-            throw CaptureFormatError(line.number, text,
-                                     "RAW line does not parse: expected RAW[SECONDS.MICROSECONDS] "
-                                     "ESCAPED-BYTES");
+    for (const auto& [prefix, read] : kinds) {
+        if (startsWith(line.text, prefix)) {
+            read(line, record);
+            return true;
         }
-        record.data = TextEscape::decode(tokens(rest)[0]);
-        return true;
-    }
-    if (startsWith(text, "LOST[")) {
-        record.kind = CaptureRecord::Kind::Lost;
-        if (!splitStamped(text, "LOST", record.timeUs, rest)) {
-            throw CaptureFormatError(
-                line.number, text,
-                "LOST line does not parse: expected LOST[SECONDS.MICROSECONDS] "
-                "TEXT");
-        }
-        record.data = TextEscape::decode(rest);
-        return true;
-    }
-    if (startsWith(text, "SYSFS ")) {
-        const auto fields = tokens(text.substr(6));
-        const bool link = !fields.empty() && fields[0] == "link" && fields.size() == 3;
-        const bool file =
-            !fields.empty() && fields[0] == "file" && (fields.size() == 2 || fields.size() == 3);
-        if (!link && !file) {
-            throw CaptureFormatError(line.number, text,
-                                     "SYSFS line does not parse: expected SYSFS link PATH TARGET "
-                                     "or SYSFS file PATH [CONTENT]");
-        }
-        record.kind = link ? CaptureRecord::Kind::SysfsLink : CaptureRecord::Kind::SysfsFile;
-        record.path = TextEscape::decode(fields[1]);
-        record.data = fields.size() == 3 ? TextEscape::decode(fields[2]) : "";
-        if (!isSysfsPath(record.path)) {
-            throw CaptureFormatError(line.number, text,
-                                     "sysfs path is not a plain path below /sys/: " + record.path);
-        }
-        return true;
-    }
-    if (startsWith(text, "FILESYSTEMS ")) {
-        const auto fields = tokens(text.substr(12));
-        if (fields.size() != 1) {
-            throw CaptureFormatError(line.number, text,
-                                     "FILESYSTEMS line does not parse: expected FILESYSTEMS "
-                                     "CONTENT");
-        }
-        record.kind = CaptureRecord::Kind::Filesystems;
-        record.data = TextEscape::decode(fields[0]);
-        return true;
-    }
-    if (startsWith(text, "#")) {
-        record.kind = CaptureRecord::Kind::Comment;
-        record.data = text.substr(startsWith(text, "# ") ? 2 : 1);
-        return true;
     }
     return false;
 }

@@ -133,13 +133,7 @@ bool ReplaySession::sendNext()
         ++datagram;
     }
     if (datagram == records.size()) {
-        // The capture's closing notes read best after what the daemon made of the rest.
-        if (next < records.size()) {
-            settle();
-        }
-        for (; next < records.size(); ++next) {
-            layDown(records[next]);
-        }
+        layDownTheEnd();
         return false;
     }
     // Notes between datagrams open a step: the state the last one left comes first.
@@ -160,16 +154,32 @@ bool ReplaySession::sendNext()
         layDown(records[next]);
     }
     ++next;
-    if (record.value("ACTION") == "add" && record.value("SUBSYSTEM") == "net") {
-        const std::string note = sysfs->prepareAddress(record);
+    send(record);
+    return true;
+}
+
+void ReplaySession::send(const CaptureRecord& datagram)
+{
+    if (datagram.value("ACTION") == "add" && datagram.value("SUBSYSTEM") == "net") {
+        const std::string note = sysfs->prepareAddress(datagram);
         if (!note.empty()) {
             say("   note: " + note);
         }
     }
-    say("-> " + Capture::CaptureWriter::headline(record));
-    sandbox->injectRaw(record.data);
+    say("-> " + Capture::CaptureWriter::headline(datagram));
+    sandbox->injectRaw(datagram.data);
     ++sent;
-    return true;
+}
+
+// The capture's closing notes read best after what the daemon made of the rest.
+void ReplaySession::layDownTheEnd()
+{
+    if (next < records.size()) {
+        settle();
+    }
+    for (; next < records.size(); ++next) {
+        layDown(records[next]);
+    }
 }
 
 void ReplaySession::waitForTurn(const CaptureRecord& datagram)

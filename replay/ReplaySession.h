@@ -78,6 +78,8 @@ private:
 
     void say(const std::string& line) const;
     void layDown(const Capture::CaptureRecord& record);
+    void layDownTheEnd();
+    void send(const Capture::CaptureRecord& datagram);
     void showRecords();
     // Shows the daemon's records until the deadline; throws when it ended.
     void showRecordsUntil(Clock::time_point deadline);

@@ -64,6 +64,25 @@ std::string Command::find(const std::string& program)
     return "";
 }
 
+namespace {
+
+// "" when the child exited with 0, else how it ended.
+std::string waitForSuccess(pid_t child, const std::string& program)
+{
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) {
+            throw systemError("Command: waitpid for " + program);
+        }
+    }
+    if (WIFEXITED(status)) {
+        return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
+    }
+    return "signal " + std::to_string(WTERMSIG(status));
+}
+
+} // namespace
+
 std::string Command::run(const std::vector<std::string>& arguments, const std::string& input)
 {
     if (arguments.empty()) {
@@ -103,17 +122,9 @@ std::string Command::run(const std::vector<std::string>& arguments, const std::s
         execve(program.c_str(), argv.data(), environment);
         _exit(127);
     }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR) {
-            throw systemError("Command: waitpid for " + arguments[0]);
-        }
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        const std::string how = WIFEXITED(status)
-                                    ? "exit status " + std::to_string(WEXITSTATUS(status))
-                                    : "signal " + std::to_string(WTERMSIG(status));
-        throw std::runtime_error("Command: " + joined(arguments) + " failed (" + how +
+    const std::string failure = waitForSuccess(child, arguments[0]);
+    if (!failure.empty()) {
+        throw std::runtime_error("Command: " + joined(arguments) + " failed (" + failure +
                                  "): " + contents(err));
     }
     return contents(out);

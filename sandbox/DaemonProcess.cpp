@@ -152,6 +152,20 @@ UniqueFd openOrThrow(const std::string& path, int flags, mode_t mode = 0)
     return fd;
 }
 
+// Like fork(), but straight into a new PID namespace if asked, and with a pidfd from the start.
+pid_t cloneProcess(bool ownProcessNamespace, int& pidFd)
+{
+    clone_args args{};
+    args.flags = CLONE_PIDFD | (ownProcessNamespace ? CLONE_NEWPID : 0);
+    args.pidfd = reinterpret_cast<uintptr_t>(&pidFd);
+    args.exit_signal = SIGCHLD;
+    const auto pid = static_cast<pid_t>(syscall(SYS_clone3, &args, sizeof(args)));
+    if (pid < 0) {
+        throw systemError("DaemonProcess: clone3");
+    }
+    return pid;
+}
+
 std::vector<char*> pointers(std::vector<std::string>& strings)
 {
     std::vector<char*> result(strings.size() + 1, nullptr);
@@ -204,37 +218,35 @@ DaemonProcess::DaemonProcess(const Launch& launch)
     plan.environment = environment;
     sigemptyset(&plan.noSignals);
 
-    clone_args args{};
     int cloneFd = -1;
-    args.flags = CLONE_PIDFD | (launch.ownProcessNamespace ? CLONE_NEWPID : 0);
-    args.pidfd = reinterpret_cast<uintptr_t>(&cloneFd);
-    args.exit_signal = SIGCHLD;
-    // Like fork(), but straight into the new namespace and with a pidfd from the start.
-    processId = static_cast<pid_t>(syscall(SYS_clone3, &args, sizeof(args)));
-    if (processId < 0) {
-        throw systemError("DaemonProcess: clone3");
-    }
+    processId = cloneProcess(launch.ownProcessNamespace, cloneFd);
     if (processId == 0) {
         runChild(plan);
     }
     pidFd.reset(cloneFd);
     pidInside = launch.ownProcessNamespace ? 1 : processId;
     statusWrite.reset();
+    awaitStart(statusRead.get(), launch.binaryPath);
+}
+
+// The child's report of the step that failed, or the end of the pipe at its exec.
+void DaemonProcess::awaitStart(int statusFd, const std::string& binaryPath)
+{
     Report report{};
     ssize_t length;
-    while ((length = read(statusRead.get(), &report, sizeof(report))) < 0 && errno == EINTR) {
+    while ((length = read(statusFd, &report, sizeof(report))) < 0 && errno == EINTR) {
     }
-    if (length != 0) {
-        reap(true);
-        if (length == static_cast<ssize_t>(sizeof(report)) && report.step >= 0 &&
-            report.step < StepCount) {
-            throw systemError("DaemonProcess: starting " + launch.binaryPath + ": " +
-                                  stepNames[report.step],
-                              report.error);
-        }
-        throw std::runtime_error("DaemonProcess: starting " + launch.binaryPath +
-                                 ": no report from the child");
+    if (length == 0) {
+        return;
     }
+    reap(true);
+    if (length == static_cast<ssize_t>(sizeof(report)) && report.step >= 0 &&
+        report.step < StepCount) {
+        throw systemError("DaemonProcess: starting " + binaryPath + ": " + stepNames[report.step],
+                          report.error);
+    }
+    throw std::runtime_error("DaemonProcess: starting " + binaryPath +
+                             ": no report from the child");
 }
 
 DaemonProcess::~DaemonProcess()

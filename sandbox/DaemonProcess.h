@@ -71,6 +71,7 @@ private:
     int status = -1;
 
     void reap(bool block);
+    void awaitStart(int statusFd, const std::string& binaryPath);
 };
 
 } // namespace Sandbox

@@ -65,6 +65,51 @@ const char* tryNamespaces()
     return nullptr;
 }
 
+// tryNamespaces in a short-lived child, so the caller changes nothing: "" when
+// it went through, else the call that failed and its error.
+std::string mountNamespaceFailure()
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return "pipe2: " + std::string(std::strerror(errno));
+    }
+    UniqueFd readEnd(ends[0]);
+    UniqueFd writeEnd(ends[1]);
+    const pid_t child = fork();
+    if (child < 0) {
+        return "fork: " + std::string(std::strerror(errno));
+    }
+    if (child == 0) {
+        const char* failed = tryNamespaces();
+        if (failed != nullptr) {
+            // errno first, then the call: strerror() is left to the parent.
+            const int error = errno;
+            (void)!write(writeEnd.get(), &error, sizeof(error));
+            (void)!write(writeEnd.get(), failed, strlen(failed));
+        }
+        _exit(failed == nullptr ? 0 : 1);
+    }
+    writeEnd.reset();
+    std::string message;
+    char buffer[256];
+    ssize_t length;
+    while ((length = read(readEnd.get(), buffer, sizeof(buffer))) > 0 ||
+           (length < 0 && errno == EINTR)) {
+        if (length > 0) {
+            message.append(buffer, static_cast<size_t>(length));
+        }
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (message.size() <= sizeof(int)) {
+        return "";
+    }
+    int error = 0;
+    std::memcpy(&error, message.data(), sizeof(error));
+    return message.substr(sizeof(int)) + ": " + std::strerror(error);
+}
+
 } // namespace
 
 void Namespaces::enterPrivateMountNamespace()
@@ -121,46 +166,9 @@ bool Namespaces::canRun(std::string& why)
               std::to_string(geteuid());
         return false;
     }
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        why = "pipe2: " + std::string(std::strerror(errno));
-        return false;
-    }
-    UniqueFd readEnd(ends[0]);
-    UniqueFd writeEnd(ends[1]);
-    const pid_t child = fork();
-    if (child < 0) {
-        why = "fork: " + std::string(std::strerror(errno));
-        return false;
-    }
-    if (child == 0) {
-        const char* failed = tryNamespaces();
-        if (failed != nullptr) {
-            // errno first, then the call: strerror() is left to the parent.
-            const int error = errno;
-            (void)!write(writeEnd.get(), &error, sizeof(error));
-            (void)!write(writeEnd.get(), failed, strlen(failed));
-        }
-        _exit(failed == nullptr ? 0 : 1);
-    }
-    writeEnd.reset();
-    std::string message;
-    char buffer[256];
-    ssize_t length;
-    while ((length = read(readEnd.get(), buffer, sizeof(buffer))) > 0 ||
-           (length < 0 && errno == EINTR)) {
-        if (length > 0) {
-            message.append(buffer, static_cast<size_t>(length));
-        }
-    }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (message.size() > sizeof(int)) {
-        int error = 0;
-        std::memcpy(&error, message.data(), sizeof(error));
-        why = "namespaces are not available here: " + message.substr(sizeof(int)) + ": " +
-              std::strerror(error);
+    const std::string failure = mountNamespaceFailure();
+    if (!failure.empty()) {
+        why = "namespaces are not available here: " + failure;
         return false;
     }
     try {

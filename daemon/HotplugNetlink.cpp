@@ -69,17 +69,12 @@ void HotplugNetlink::run()
     logger.debug() << "Process terminated" << std::endl;
 }
 
-// Scheduling of both threads is decided here, before the handler thread
-// starts. The socket's receive buffer holds only a moment of a burst at the
-// kernel's pace (docs/performance.md), and enlarging it is not ours to do: the
-// listener must run the moment datagrams arrive, whatever else competes for the
-// CPU (the handler, syslogd). The lowest real-time priority does that; the
-// listener only drains the socket into the queue, so it cannot starve anyone.
-// A daemon started with other scheduling (chrt, systemd's CPUScheduling*=,
-// nice) keeps it: the integrator chose. Without the privilege the listener
-// stays an ordinary thread and the handler thread lowers its own priority
-// instead, which makes a loss in a burst unlikely but not impossible: logged,
-// not fatal.
+// Both threads' scheduling, decided before the handler thread starts. The
+// socket's receive buffer holds only a moment of a burst (docs/performance.md),
+// so the listener, which only drains it into the queue, takes the lowest
+// real-time priority. Scheduling the integrator chose (chrt, nice, systemd's
+// CPUScheduling*=) is kept. Without the privilege the handler thread lowers
+// its own priority instead: a loss becomes unlikely, and is logged, not fatal.
 HotplugHandlerThread::Scheduling HotplugNetlink::chooseScheduling()
 {
     int policy = SCHED_OTHER;

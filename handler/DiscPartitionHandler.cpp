@@ -43,8 +43,7 @@ void HotplugHandlerThread::handleBlockDevPartionEvent(const EventPtr& event)
         logger.debug() << "Disc partition removed: " << event->deviceName << std::endl;
         if (umount2(mountPoint.c_str(), MNT_DETACH) != 0) {
             const int error = errno;
-            // EINVAL: nothing mounted there; ENOENT: no such directory. The
-            // call is reported as "umount", as operators have always read it.
+            // EINVAL: nothing mounted there; ENOENT: no such directory.
             if (error != EINVAL && error != ENOENT) {
                 reportFailure(partitionMethod, "umount", error);
             }

@@ -63,20 +63,13 @@ void HotplugHandlerThread::pushEvent(HotplugEvent* event)
     eventSemaphore.unlock();
 }
 
-// How this thread is stopped: the listener cancels it. The cancellation takes
-// effect only where nothing is half done: in the wait for events and between
-// two events or two scanned entries (acceptStop). Everywhere else it is held
-// off, because handling an event passes many cancellation points (the send of
-// a record to syslog, opening, reading and closing files, readdir): an unwind
-// from there would cut a record and leave it to be sent after the daemon's
-// last one, announce a link that was never made, or end in std::terminate when
-// it leaves a destructor. One event takes microseconds, so a stop still ends
-// the thread within a poll cycle; a mount that hangs holds the stop until it
-// returns.
-//
-// Cancellation unwinds with abi::__forced_unwind, which has no exception
-// object; the sanitizer's null-reference check mistakes the handler's binding
-// for a fault, so it is left out of this function only.
+// The listener stops this thread by cancelling it, which takes effect only
+// where nothing is half done: in the wait for events and between two events or
+// two scanned entries (acceptStop). Elsewhere an unwind from a cancellation
+// point (syslog, file streams, readdir) would cut a record, announce a link
+// never made, or leave a destructor. A mount that hangs holds the stop.
+// The sanitizer's null-reference check mistakes the binding of the unwind
+// (abi::__forced_unwind, no exception object) for a fault: off here only.
 __attribute__((no_sanitize("null"))) void HotplugHandlerThread::run()
 {
     static_cast<void>(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr));

@@ -1,12 +1,9 @@
-// Runs the real daemon binary, unchanged, as on the device: chrooted into a
-// prepared root (read-only /usr and /etc of the host, its own /dev, /proc/
-// filesystems, a fake /sys, /mnt/usb, /ravo500/devs) in the test's private
-// mount namespace, logging to a syslog reader at the root's /dev/log, and
-// listening for uevents in a network namespace where only the test's injected
-// datagrams arrive (or in the host's, for real kernel uevents). With the
-// isolated network it also has a process namespace of its own, so its /proc
-// holds no way into the host's root.
-// Not a mock: it never looks inside the daemon; everything is observed from outside.
+// Runs the real daemon binary, unchanged, chrooted into a prepared root (the
+// host's /usr and /etc read-only, its own /dev, a fake /sys, /mnt/usb,
+// /ravo500/devs) in the private mount namespace, logging to a reader at the
+// root's /dev/log, and hearing only injected datagrams in a network and process
+// namespace of its own (or the kernel's uevents in the host's network).
+// Not a mock: everything is observed from outside the daemon.
 #pragma once
 
 #include "sandbox/DaemonProcess.h"

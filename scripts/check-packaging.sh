@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
 # What a firmware team takes into its image, checked with the build systems'
-# own tools: the install tree under a DESTDIR, the man page, the systemd unit
-# (systemd-analyze verify and security), the tmpfiles.d entry, the init script
-# under BusyBox, the Buildroot package (Buildroot's linter, the inittab hook),
-# the Yocto recipe's inittab step, a device configure without qemu-user, and the
-# hardening and version string of the built daemon. Runs in seconds, as root.
+# own tools: install tree, man pages, systemd unit and tmpfiles.d entry, init
+# scripts, Buildroot package, Yocto recipe, a device configure, the built
+# daemon's hardening and version. Runs in seconds, as root.
 # Usage: check-packaging.sh BUILD_DIR (a native build of this checkout)
 # The grep matches looped over below hold no blanks: word splitting is meant.
 # The ${...} in single quotes are BitBake's or a child shell's: not expanded here.

@@ -8,6 +8,9 @@ set(DHH_ARM_TRIPLET arm-linux-gnueabihf CACHE STRING "The cross toolchain's pref
 set(CMAKE_C_COMPILER ${DHH_ARM_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${DHH_ARM_TRIPLET}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${DHH_ARM_TRIPLET})
+# GCC notes that passing some classes changed in GCC 7.1 (-Wpsabi): it matters
+# only beside objects built by GCC 6 or older, which nothing here links.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 # An integrator's own sysroot: -DDHH_ARM_SYSROOT=/path.
 set(DHH_ARM_SYSROOT /usr/${DHH_ARM_TRIPLET} CACHE PATH "Where the target's libraries and headers are")
 

@@ -1,19 +1,15 @@
 #!/usr/bin/env bash
 # Builds everything and runs every check CI runs, stage by stage, printing each
-# stage's duration: static checks; the tests as a native 64-bit program; the
-# packaging (install tree, unit, init script, recipes) checked against that
-# build with the build systems' own tools; the tests as a 32-bit x86 program
-# (-m32, the device's word size) and for 32-bit ARM (the device's
-# architecture), both through qemu-user; the ARM daemon on an emulated board
-# with a real kernel's USB stack under BusyBox init; under AddressSanitizer with
-# UndefinedBehaviorSanitizer and under ThreadSanitizer; the system tests against
-# the 32-bit x86 and ARM daemons (binfmt_misc and qemu); and the fuzzers for a
-# bounded time.
+# stage's duration. Usage: test.sh [STAGE...] runs the named stages only (the
+# set-up always): lint, native, packaging, m32, armhf, board, sys32, asan,
+# tsan, fuzz; the README says what each checks. DHH_FUZZ_SECONDS sets each
+# fuzzer's time (default 10).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 jobs=$(nproc)
 durations=()
+all=(lint native packaging m32 armhf board sys32 asan tsan fuzz)
 
 stage() {
     local name=$1; shift
@@ -24,14 +20,19 @@ stage() {
     echo "=== $name: done in $((SECONDS - started))s"
 }
 
+configure() {
+    local dir=$1; shift
+    cmake -S . -B "$dir" -DDHH_WERROR=ON "$@" >/dev/null
+    cmake --build "$dir" -j "$jobs"
+}
+
 # suite DIR CTEST-ARGS -- CMAKE-ARGS: configure, build, run the tests.
 suite() {
     local dir=$1; shift
     local ctest_args=()
     while [ $# -gt 0 ] && [ "$1" != -- ]; do ctest_args+=("$1"); shift; done
     shift
-    cmake -S . -B "$dir" -DDHH_WERROR=ON "$@" >/dev/null
-    cmake --build "$dir" -j "$jobs"
+    configure "$dir" "$@"
     ctest --test-dir "$dir" --output-on-failure -j "$jobs" "${ctest_args[@]}"
 }
 
@@ -39,6 +40,7 @@ suite() {
 # the scenarios driven through QMP, a capture replayed with the native replay.
 board() {
     local paths image
+    configure build/native
     paths=$(bash scripts/board-image.sh build/board)
     mapfile -t image <<<"$paths"
     python3 tests/board/board_test.py "${image[@]}" build/board/work build/native/replay/hotplug_replay
@@ -47,6 +49,7 @@ board() {
 # The packaging checks, then once more from a bare clone, which has no
 # Buildroot linter beside it: that check is skipped and said so, the rest run.
 packaging() {
+    configure build/native
     bash scripts/check-packaging.sh build/native
     local clone output
     clone=$(mktemp -d /tmp/dhh-bare-XXXXXX)
@@ -60,19 +63,36 @@ packaging() {
     echo "bare clone: every packaging check passed, the linter skipped with a note"
 }
 
+run() {
+    case $1 in
+        lint) stage lint bash scripts/lint.sh ;;
+        native) stage native suite build/native -- ;;
+        packaging) stage packaging packaging ;;
+        m32) stage m32 suite build/m32 -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake ;;
+        armhf) stage armhf suite build/armhf -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake ;;
+        board) stage board board ;;
+        sys32) stage sys32 bash scripts/system-tests-32bit.sh m32 armhf ;;
+        # valgrind and the sanitizers' runtimes do not mix: the storm test runs natively only.
+        asan) stage asan suite build/asan -LE valgrind -- -DDHH_SANITIZE=address,undefined \
+                  -DDHH_BUILD_BENCHMARKS=OFF ;;
+        tsan) stage tsan suite build/tsan -LE valgrind -- -DDHH_SANITIZE=thread \
+                  -DDHH_BUILD_BENCHMARKS=OFF ;;
+        fuzz) stage fuzz bash scripts/fuzz.sh "${DHH_FUZZ_SECONDS:-10}" ;;
+    esac
+}
+
+for name in "$@"; do
+    [[ " ${all[*]} " == *" $name "* ]] ||
+        { echo "test.sh: no stage \"$name\"; the stages: ${all[*]}" >&2; exit 2; }
+done
+[ $# -gt 0 ] || set -- "${all[@]}"
 stage setup bash scripts/setup.sh
-stage lint bash scripts/lint.sh
-stage native suite build/native --
-stage packaging packaging
-stage m32 suite build/m32 -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake
-stage armhf suite build/armhf -- -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake
-stage board board
-# valgrind and the sanitizers' runtimes do not mix: the storm test runs natively only.
-stage sys32 bash scripts/system-tests-32bit.sh m32 armhf
-stage asan suite build/asan -LE valgrind -- -DDHH_SANITIZE=address,undefined
-stage tsan suite build/tsan -LE valgrind -- -DDHH_SANITIZE=thread
-stage fuzz bash scripts/fuzz.sh "${DHH_FUZZ_SECONDS:-60}"
+for name in "${all[@]}"; do
+    if [[ " $* " == *" $name "* ]]; then
+        run "$name"
+    fi
+done
 
 echo
-echo "All stages passed:"
+echo "Stages passed:"
 printf '  %s\n' "${durations[@]}"

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -19,6 +20,13 @@ class DaemonSandboxTest : public testing::Test {
 protected:
     static constexpr int deadlineMs = 10000;
     static inline const std::string handler = "[Debug] HotplugHandlerThread: ";
+
+    // This build's daemon, or the 32-bit one that DHH_SYSTEM_TEST_DAEMON names.
+    static std::string daemonUnderTest()
+    {
+        const char* chosen = std::getenv("DHH_SYSTEM_TEST_DAEMON");
+        return chosen != nullptr && *chosen != '\0' ? chosen : DHH_DAEMON_PATH;
+    }
 
     void SetUp() override
     {
@@ -41,7 +49,7 @@ protected:
     // Builds the sandbox; the test may still add to its tree before start().
     Sandbox::SimulatedDevice& prepare(Sandbox::SimulatedDevice::Options options = {})
     {
-        options.daemonPath = DHH_DAEMON_PATH;
+        options.daemonPath = daemonUnderTest();
         sandbox = std::make_unique<Sandbox::SimulatedDevice>(options);
         return *sandbox;
     }

@@ -39,8 +39,12 @@ void checkInputs(const Replay::ReplayOptions& options, const Replay::ReplayPlan&
         throw BadInput("the daemon binary " + options.daemon + " is missing or not executable");
     }
     for (const auto& [name, image] : options.images) {
-        if (access(image.c_str(), R_OK) != 0) {
-            throw BadInput("cannot read the image " + image + " for " + name);
+        // A FIFO would hold the loop device's set-up; a field report brings files.
+        struct stat imageStatus {};
+        if (stat(image.c_str(), &imageStatus) != 0 || !S_ISREG(imageStatus.st_mode) ||
+            access(image.c_str(), R_OK) != 0) {
+            throw BadInput("the image " + image + " for " + name +
+                           " is missing, unreadable or not a regular file");
         }
         bool known = false;
         for (const auto& partition : plan.partitions) {

@@ -93,7 +93,9 @@ TEST_F(ReplayFolder, RefusesHostileInputBeforeItBuildsAnything)
              {partitionAdd("sda1"), "--expect " + folder.string(), "is not a regular file"},
              {partitionAdd("sda1"), "--expect " + (folder / "fifo").string(),
               "is not a regular file"},
-             {partitionAdd("sda1"), "--expect /dev/zero", "is not a regular file"}}) {
+             {partitionAdd("sda1"), "--expect /dev/zero", "is not a regular file"},
+             {partitionAdd("sda1"), "--image sda1=" + (folder / "fifo").string(),
+              "not a regular file"}}) {
         const ToolRun run = replay("--fast " + options + " " + write("capture", capture));
         EXPECT_EQ(run.status, 2) << options << "\n" << capture << run.output;
         EXPECT_NE(run.output.find(message), std::string::npos) << run.output;

@@ -104,7 +104,7 @@ std::string entryLine(const std::string& string)
     }
     if (line.back() == ' ') {
         // A paste loses blanks at line ends; the reader drops them outside our own files.
-        line = line.substr(0, line.size() - 1) + TextEscape::byte(' ');
+        line.replace(line.size() - 1, 1, TextEscape::byte(' '));
     }
     return line + "\n";
 }

@@ -5,10 +5,10 @@
 # build with the build systems' own tools; the tests as a 32-bit x86 program
 # (-m32, the device's word size) and for 32-bit ARM (the device's
 # architecture), both through qemu-user; the ARM daemon on an emulated board
-# with a real kernel's USB stack under BusyBox init; under AddressSanitizer with
-# UndefinedBehaviorSanitizer and under ThreadSanitizer; the system tests against
-# the 32-bit x86 and ARM daemons (binfmt_misc and qemu); and the fuzzers for a
-# bounded time.
+# with a real kernel's USB stack under BusyBox init, systemd, sysvinit and
+# OpenRC; under AddressSanitizer with UndefinedBehaviorSanitizer and under
+# ThreadSanitizer; the system tests against the 32-bit x86 and ARM daemons
+# (binfmt_misc and qemu); and the fuzzers for a bounded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -35,13 +35,13 @@ suite() {
     ctest --test-dir "$dir" --output-on-failure -j "$jobs" "${ctest_args[@]}"
 }
 
-# The emulated ARM board: the image from Debian's packages and what we install,
-# the scenarios driven through QMP, a capture replayed with the native replay.
+# The emulated ARM board under each init: the images from Debian's packages and
+# what we install, the scenarios driven through QMP, a capture replayed with the
+# native replay.
 board() {
-    local paths image
-    paths=$(bash scripts/board-image.sh build/board)
-    mapfile -t image <<<"$paths"
-    python3 tests/board/board_test.py "${image[@]}" build/board/work build/native/replay/hotplug_replay
+    bash scripts/board-image.sh build/board
+    python3 tests/board/board_test.py build/board/images build/board/work \
+        build/native/replay/hotplug_replay
 }
 
 # The packaging checks, then once more from a bare clone, which has no

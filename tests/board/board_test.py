@@ -278,6 +278,7 @@ class Scenarios:
         exposure = re.search(r"Overall exposure level for \S+: (\d+\.\d+)", output)
         assert exposure, output
         print(f"board: systemd-analyze security on the board: exposure {exposure[1]}")
+        assert float(exposure[1]) <= 4.5, f"exposure {exposure[1]}, above the packaging's 4.5"
 
     def system_log(self):
         """Every record reached the system log under the daemon's identity at the

@@ -11,7 +11,7 @@ jobs=$(nproc)
 
 echo "--- shellcheck"
 git ls-files '*.sh' .ci/run packaging/sysvinit/device-hotplug-handler tests/board/rcS packaging/openrc/device-hotplug-handler \
-    tests/board/board-agent | xargs shellcheck
+    tests/board/board-agent tests/board/boot | xargs shellcheck
 
 echo "--- flake8"
 git ls-files '*.py' | xargs -r flake8 --max-line-length=100

@@ -36,14 +36,14 @@ suite() {
     ctest --test-dir "$dir" --output-on-failure -j "$jobs" "${ctest_args[@]}"
 }
 
-# The emulated ARM board: the image from Debian's packages and what we install,
-# the scenarios driven through QMP, a capture replayed with the native replay.
+# The emulated ARM board under each init: the images from Debian's packages and
+# what we install, the scenarios driven through QMP, a capture replayed with the
+# native replay.
 board() {
-    local paths image
     configure build/native
-    paths=$(bash scripts/board-image.sh build/board)
-    mapfile -t image <<<"$paths"
-    python3 tests/board/board_test.py "${image[@]}" build/board/work build/native/replay/hotplug_replay
+    bash scripts/board-image.sh build/board
+    python3 tests/board/board_test.py build/board/images build/board/work \
+        build/native/replay/hotplug_replay
 }
 
 # The packaging checks, then once more from a bare clone, which has no

@@ -25,16 +25,19 @@ class BoardError(Exception):
 
 
 class Board:
-    def __init__(self, kernel, initramfs, workdir, blockdevs=(), cold_devices=(), extra=()):
+    def __init__(self, kernel, initramfs, workdir, blockdevs=(), cold_devices=(), disc=None,
+                 append=""):
         self.workdir = workdir
         self.qmp_path = os.path.join(workdir, "qmp.sock")
         if os.path.exists(self.qmp_path):
             os.unlink(self.qmp_path)
+        if disc:
+            append += " root=/dev/vda"
         command = [
             "qemu-system-arm", "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-m", "256",
             "-nodefaults", "-display", "none", "-no-reboot", "-serial", "stdio",
             "-kernel", kernel, "-initrd", initramfs,
-            "-append", "console=ttyAMA0 quiet loglevel=1 panic=-1",
+            "-append", f"console=ttyAMA0 quiet loglevel=1 panic=-1 {append}",
             "-qmp", f"unix:{self.qmp_path},server=on,wait=off",
             "-device", "qemu-xhci,id=xhci",
             "-device", "usb-hub,bus=xhci.0,port=1,id=hub",
@@ -45,14 +48,21 @@ class Board:
                         f"driver=raw,node-name={name},file.driver=file,file.filename={path}"]
         for driver, properties in cold_devices:
             command += ["-device", ",".join([driver] + [f"{k}={v}" for k, v in properties.items()])]
-        command += list(extra)
+        if disc:
+            # snapshot: every boot starts from the disc as it was built.
+            command += ["-drive", f"if=none,id=root,format=raw,snapshot=on,file={disc}",
+                        "-device", "virtio-blk-device,drive=root"]
         self.console_log = []
         self.lines = queue.Queue()
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT, preexec_fn=_die_with_parent)
         threading.Thread(target=self._read_console, daemon=True).start()
-        self._expect("@@READY", 120.0)
-        self.qmp = self._connect_qmp()
+        try:
+            self._expect("@@READY", 120.0)
+            self.qmp = self._connect_qmp()
+        except BaseException:
+            self.close()
+            raise
 
     def _read_console(self):
         for raw in self.process.stdout:
@@ -72,8 +82,8 @@ class Board:
                                  + " | ".join(self.console_log[-20:]))
             if line is None:
                 raise BoardError("the board stopped: " + " | ".join(self.console_log[-20:]))
-            if line.startswith(marker):
-                return collected, line
+            if marker in line:  # init may have begun a message of its own on the line
+                return collected, line[line.index(marker):]
             collected.append(line)
 
     def _connect_qmp(self):
@@ -126,8 +136,13 @@ class Board:
                 raise BoardError(f"timed out waiting for {what}")
             time.sleep(0.1)
 
-    def records(self):
-        return self.run("grep device_hotplug_handler /var/log/messages || true")
+    def stays(self, condition, seconds, broken):
+        """What must not come about has no event to wait for: watch it a while."""
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            if not condition():
+                raise BoardError(broken)
+            time.sleep(0.1)
 
     def close(self):
         if self.process.poll() is None:

@@ -1,8 +1,12 @@
 #!/usr/bin/env python3
-"""The daemon on an emulated ARM board, under BusyBox init, meeting the real
-kernel's USB stack: sticks, serial and Ethernet adapters plugged and unplugged
-through QMP, cold plug, a restart by init, and a capture replayed on the host.
-Usage: board_test.py KERNEL INITRAMFS WORKDIR [REPLAY-TOOL]"""
+"""The daemon on an emulated ARM board meeting the real kernel's USB stack,
+under each init an image may use: BusyBox init, systemd, sysvinit (the respawn
+line, and the init script alone) and OpenRC. Under BusyBox: sticks, serial and
+Ethernet adapters plugged and unplugged through QMP, cold plug, and a capture
+replayed on the host. Under every init: who started the daemon, cold plug, a
+plugged stick read from outside the service, a restart after SIGKILL whose scan
+mounts what came meanwhile, an orderly stop, and the records in the system log.
+Usage: board_test.py IMAGES WORKDIR REPLAY-TOOL|- [INIT...]   (default: all)"""
 
 import collections
 import os
@@ -14,14 +18,33 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from board import Board, BoardError  # noqa: E402
+from inits import INITS  # noqa: E402
 
 State = collections.namedtuple("State", "mounts links info")
 GLOBAL_MAC = "00:1b:21:0a:0b:0c"
 SECTOR = 512
+STICK_FILE = ("board.txt", "written on the host\n")
+LEVELS = {"Debug": 7, "Info": 6, "Warn": 4, "Error": 3, "Fatal": 2}
+HANDLER_END = "[Debug] HotplugHandlerThread: Thread terminated"
+LAST_RECORD = "[Debug] HotplugNetlink: Process terminated"
+SCENARIOS = {
+    "busybox": ("started_by_init", "cold_plug", "stick_unplug", "two_partitions",
+                "serial_adapter", "ethernet_adapters", "hot_plug", "restart_and_scan",
+                "capture_replayed", "system_log"),
+    "systemd": ("started_by_init", "cold_plug", "stick_unplug", "hot_plug", "restart_and_scan",
+                "security", "orderly_stop", "system_log"),
+    "sysvinit": ("started_by_init", "cold_plug", "stick_unplug", "hot_plug", "restart_and_scan",
+                 "orderly_stop", "system_log"),
+    "sysvinit-script": ("started_by_init", "cold_plug", "stick_unplug", "hot_plug",
+                        "restart_and_scan", "script_actions", "orderly_stop", "system_log"),
+    "openrc": ("started_by_init", "cold_plug", "stick_unplug", "hot_plug", "restart_and_scan",
+               "orderly_stop", "system_log"),
+}
 
 
 def make_stick(path, partitions):
-    """A disc image with an MBR: partitions is a list of (file system, MiB)."""
+    """A disc image with an MBR: partitions is a list of (file system, MiB); the
+    first holds STICK_FILE."""
     start = 2048
     layout, filesystems = [], []
     for filesystem, mebibytes in partitions:
@@ -39,12 +62,25 @@ def make_stick(path, partitions):
             command = ["mke2fs", "-q", "-t", "ext4", "-E", f"offset={first * SECTOR}", path,
                        f"{sectors // 2}k"]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    name, text = STICK_FILE
+    if partitions[0][0] == "fat":
+        subprocess.run(["mcopy", "-i", f"{path}@@{filesystems[0][1] * SECTOR}", "-", f"::{name}"],
+                       input=text, text=True, check=True)
 
 
 class Scenarios:
-    def __init__(self, board, replay_tool):
+    def __init__(self, board, init, replay_tool):
         self.board = board
+        self.init = init
         self.replay_tool = replay_tool
+
+    def records(self):
+        return "\n".join(f"<{r.priority}> {r.text}" for r in self.init.log())
+
+    def daemon_pid(self):
+        pids = self.board.run("pidof device_hotplug_handler || true").split()
+        assert len(pids) == 1, f"daemons running: {pids or 'none'}"
+        return pids[0]
 
     # --- the board's state
     def mounts(self):
@@ -65,9 +101,27 @@ class Scenarios:
         return State(self.mounts(), self.links(), self.info_file())
 
     def wait_state(self, what, predicate):
-        self.board.wait_for(lambda: predicate(self.state()), what)
+        try:
+            self.board.wait_for(lambda: predicate(self.state()), what)
+        except BoardError as error:
+            complaints = [r.text for r in self.init.log() if r.priority <= LEVELS["Warn"]]
+            raise BoardError(f"{error}; the daemon's last complaint: {complaints[-1]}"
+                             if complaints else error) from None
 
     # --- scenarios
+    def started_by_init(self):
+        self.board.wait_for(lambda: self.board.shell("pidof device_hotplug_handler")[0] == 0,
+                            "the daemon started")
+        pid = self.daemon_pid()
+        parent = self.board.run(f"cat /proc/$(cut -d' ' -f4 /proc/{pid}/stat)/comm").strip()
+        # comm holds 15 characters.
+        assert parent == self.init.parent[:15], f"started by {parent}, not by {self.init.parent}"
+        spaces = self.board.run(f"readlink /proc/{pid}/ns/mnt; readlink /proc/$$/ns/mnt").split()
+        assert spaces[0] == spaces[1], \
+            f"the daemon's mount namespace {spaces[0]} is not the system's {spaces[1]}: " \
+            "the rest of the system would not see its mounts"
+        self.init.check_started(pid)
+
     def cold_plug(self):
         """A FAT stick present at boot, with msdos registered before vfat."""
         filesystems = self.board.run("cat /proc/filesystems").split()
@@ -79,6 +133,16 @@ class Scenarios:
         target = self.links().get("/ravo500/devs/usb1-2/usbdev", "")
         assert target.startswith("/dev/bus/usb/001/"), self.links()
         self.board.run(f"test -c {target}")
+
+    def hot_plug(self):
+        """A stick plugged in: mounted read-only, and its file read by the board's
+        shell, which no mount namespace of the daemon's service would show it to."""
+        self.board.plug("stick", "usb-storage", "1.2", drive="stick")
+        self.wait_state("the plugged stick mounted", lambda s: "/mnt/usb/sda1" in s.mounts)
+        assert self.mounts()["/mnt/usb/sda1"][1].startswith("ro,"), self.mounts()
+        name, text = STICK_FILE
+        read = self.board.run(f"cat /mnt/usb/sda1/{name}")
+        assert read == text.rstrip("\n"), f"/mnt/usb/sda1/{name} reads {read!r}"
 
     def stick_unplug(self):
         self.board.unplug("stick")
@@ -123,13 +187,13 @@ class Scenarios:
         # QEMU's default address is locally administered: the kernel names it usbN
         # and the daemon's pattern leaves it alone. Once the unplug is handled, the
         # plug's events are handled too.
-        announced = self.board.records().count("Create cascading info file")
+        announced = self.records().count("Create cascading info file")
         self.board.plug("local6", "usb-net", "1.6")
         self.wait_state("usb1-6/usbdev", lambda s: "/ravo500/devs/usb1-6/usbdev" in s.links)
         self.board.wait_for(lambda: "usb0" in self.board.run("ls /sys/class/net"), "usb0")
         self.board.unplug("local6")
         self.wait_state("usb1-6 released", lambda s: not s.links)
-        assert self.board.records().count("Create cascading info file") == announced, \
+        assert self.records().count("Create cascading info file") == announced, \
             "an info file for a usbN interface"
 
     def plug_serial_adapter(self):
@@ -137,39 +201,98 @@ class Scenarios:
                         **{"always-plugged": True})
 
     def wait_record(self, pattern):
-        self.board.wait_for(lambda: re.search(pattern, self.board.records()),
-                            f"a record /{pattern}/")
+        self.board.wait_for(lambda: re.search(pattern, self.records()), f"a record /{pattern}/")
 
-    def restart_by_init(self):
-        """SIGKILL the daemon: init starts it again; a stick plugged while it was
-        down is mounted by the scan of the next start."""
+    def restart_and_scan(self):
+        """The supervisor starts the daemon again soon after a SIGKILL, and its
+        scan mounts a stick that came while no daemon handled events (it was
+        stopped, and the events queued for it die with it). Without a
+        supervisor nothing starts it, and the init script's start does."""
         board = self.board
-        first = self.kill_daemon()
-        killed = time.monotonic()
-        self.wait_restart(first)
-        print(f"board: init restarted the daemon {time.monotonic() - killed:.1f} s after SIGKILL")
-
-        # Hold init's respawn in its one-second pause until the stick is in.
-        second = self.kill_daemon()
-        board.wait_for(lambda: board.shell("pidof sleep")[0] == 0, "the respawn's pause")
-        sleeper = board.run("pidof sleep").strip()
-        board.run(f"kill -STOP {sleeper}")
+        board.unplug("stick")
+        self.wait_state("the stick released", lambda s: not s.mounts)
+        pid = self.daemon_pid()
+        board.run(f"kill -{'STOP' if self.init.supervised else 'KILL'} {pid}")
         board.plug("stick", "usb-storage", "1.2", drive="stick")
         board.wait_for(lambda: board.shell("test -e /sys/class/block/sda1")[0] == 0,
                        "sda1 in sysfs")
         assert "/mnt/usb/sda1" not in self.mounts(), "mounted while the daemon was down"
-        board.run(f"kill -CONT {sleeper}")
-        self.wait_restart(second)
+        if self.init.supervised:
+            # The wait runs on the board at the lowest priority: polls over the
+            # console would take time from the start they wait for.
+            killed = float(board.run(
+                f"read -r up _ </proc/uptime; kill -9 {pid}; echo $up; "
+                "sh -c 'renice -n 19 $$ >/dev/null; "
+                f"i=0; until p=$(pidof device_hotplug_handler) && [ $p != {pid} ] && "
+                "[ $(ls /proc/$p/task | wc -l) -gt 1 ] || [ $i = 100 ]; do sleep 0.1; "
+                "i=$((i + 1)); done'").split()[0])
+            # Timed by the board's clock: the start of the new daemon's last
+            # thread, which it makes once it runs (ticks of 1/100 s since boot).
+            tasks = f"/proc/{self.daemon_pid()}/task"
+            ticks = board.run(f"sed 's/.*) //' {tasks}/*/stat | cut -d' ' -f20").split()
+            took = max(map(int, ticks)) / 100 - killed
+            print(f"board: {self.init.name}: running again {took:.2f} s after SIGKILL")
+            assert took < self.init.restart_limit, f"running again {took:.2f} s after SIGKILL"
+        else:
+            assert board.shell("pidof device_hotplug_handler")[0] != 0, "started again"
+            status, output = board.shell("/etc/init.d/device-hotplug-handler status")
+            assert status == 3, f"status after SIGKILL ({status}): {output}"
+            board.run("/etc/init.d/device-hotplug-handler start")
+        self.started_by_init()
         self.wait_state("the stick mounted by the scan", lambda s: "/mnt/usb/sda1" in s.mounts)
 
-    def kill_daemon(self):
-        pid = self.board.run("pidof device_hotplug_handler").strip()
-        self.board.run(f"kill -9 {pid}")
-        return pid
+    def script_actions(self):
+        """The init script: status, no second instance, restart and force-reload."""
+        script = "/etc/init.d/device-hotplug-handler"
+        status, output = self.board.shell(f"{script} status")
+        assert status == 0 and "is running" in output, f"status ({status}): {output}"
+        pid = self.daemon_pid()
+        status, output = self.board.shell(f"{script} start")
+        assert status != 0 and self.daemon_pid() == pid, f"start while running: {output}"
+        for action in ("restart", "force-reload"):
+            output = self.board.run(f"{script} {action}")
+            assert self.daemon_pid() != pid, f"{action} kept pid {pid}: {output}"
+            pid = self.daemon_pid()
+            self.started_by_init()
+        assert "/mnt/usb/sda1" in self.mounts(), "the stick lost across restarts"
 
-    def wait_restart(self, old):
-        self.board.wait_for(lambda: self.board.run("pidof device_hotplug_handler || true").strip()
-                            not in ("", old), "the daemon started again by init")
+    def orderly_stop(self):
+        """Its last records are the handler thread's and "Process terminated", it
+        exits with status 0, and nothing starts it again."""
+        board = self.board
+        pid = self.daemon_pid()
+        self.init.stop(pid)
+        board.wait_for(lambda: board.shell("pidof device_hotplug_handler")[0] != 0,
+                       "the daemon stopped")
+        last = lambda: [record.text for record in self.init.log()[-3:]]  # noqa: E731
+        board.wait_for(lambda: last()[-1:] == [LAST_RECORD], f"'{LAST_RECORD}' last")
+        assert HANDLER_END in last(), f"the last records: {last()}"
+        assert self.init.exit_status(pid) == "status 0", self.init.exit_status(pid)
+        self.init.check_stopped()
+        board.stays(lambda: board.shell("pidof device_hotplug_handler")[0] != 0, 3.0,
+                    "the daemon started again after the stop")
+
+    def security(self):
+        """systemd-analyze security of the unit as the board's systemd loaded it."""
+        output = self.board.run("systemd-analyze security --no-pager " + self.init.unit)
+        exposure = re.search(r"Overall exposure level for \S+: (\d+\.\d+)", output)
+        assert exposure, output
+        print(f"board: systemd-analyze security on the board: exposure {exposure[1]}")
+        assert float(exposure[1]) <= 4.5, f"exposure {exposure[1]}, above the packaging's 4.5"
+
+    def system_log(self):
+        """Every record reached the system log under the daemon's identity at the
+        priority its level names, and none is an Error or says the listener's
+        real-time priority was refused: a refused system call or a missing
+        capability would be one."""
+        records = self.init.log()
+        assert records, "no record under the identity device_hotplug_handler"
+        for record in records:
+            level = re.match(r"\[(\w+) *\]", record.text)
+            assert level and LEVELS.get(level[1]) == record.priority, record
+        refused = [record.text for record in records if record.priority <= LEVELS["Error"]
+                   or record.priority == LEVELS["Warn"] and "priority" in record.text]
+        assert not refused, "\n".join(refused)
 
     def capture_replayed(self):
         """A capture taken on the board replays on the host with the same handler records."""
@@ -180,14 +303,14 @@ class Scenarios:
         board.run("hotplug_capture --sysfs -o /tmp/board.capture >/tmp/capture.log 2>&1 &")
         board.wait_for(lambda: board.shell("grep -q 'capturing' /tmp/capture.log")[0] == 0,
                        "the capture started")
-        before = len(board.records().splitlines())
+        before = len(self.records().splitlines())
         board.unplug("stick")
         self.wait_state("the stick released", lambda s: not s.mounts)
         self.plug_serial_adapter()
         self.wait_state("uart0", lambda s: "/ravo500/devs/usb1-3/uart0" in s.links)
         board.run("kill -INT $(pidof hotplug_capture); "
                   "while pidof hotplug_capture; do sleep 0.1; done")
-        on_board = handler_records(board.records().splitlines()[before:])
+        on_board = handler_records(self.records().splitlines()[before:])
         capture = board.run("cat /tmp/board.capture")
         with tempfile.NamedTemporaryFile("w", suffix=".capture", delete=False) as file:
             file.write(capture + "\n")
@@ -215,38 +338,56 @@ def handler_records(lines):
     return records
 
 
-def main():
-    kernel, initramfs, workdir = sys.argv[1:4]
-    replay_tool = sys.argv[4] if len(sys.argv) > 4 else None
-    os.makedirs(workdir, exist_ok=True)
-    stick, two = os.path.join(workdir, "stick.img"), os.path.join(workdir, "two.img")
-    make_stick(stick, [("fat", 16)])
-    make_stick(two, [("fat", 16), ("ext4", 16)])
-
+def run_board(init_class, images, workdir, replay_tool, sticks):
+    """Boots one board with the stick at 1.2 present and runs the init's
+    scenarios; returns the numbers passed and failed."""
     started = time.monotonic()
-    board = Board(kernel, initramfs, workdir, blockdevs=[("stick", stick), ("two", two)],
-                  cold_devices=[("usb-storage", {"id": "stick", "bus": "xhci.0", "port": "1.2",
-                                                 "drive": "stick"})])
-    print(f"board: booted in {time.monotonic() - started:.1f} s")
-    scenarios = Scenarios(board, replay_tool)
-    failed, passed = [], 0
+    disc = os.path.join(images, f"{init_class.name}.ext4") if init_class.disc else None
     try:
-        for name in ("cold_plug", "stick_unplug", "two_partitions", "serial_adapter",
-                     "ethernet_adapters", "restart_by_init", "capture_replayed"):
+        board = Board(os.path.join(images, "vmlinuz"), os.path.join(images, "initramfs.gz"),
+                      workdir, blockdevs=sticks, disc=disc, append=init_class.append,
+                      cold_devices=[("usb-storage", {"id": "stick", "bus": "xhci.0",
+                                                     "port": "1.2", "drive": "stick"})])
+    except BoardError as error:
+        print(f"board: {init_class.name}: boot FAILED: {error}")
+        return 0, 1
+    init = init_class(board)
+    print(f"board: {init.name}: booted in {time.monotonic() - started:.1f} s")
+    scenarios = Scenarios(board, init, replay_tool)
+    passed = 0
+    try:
+        for name in SCENARIOS[init.name]:
             began = time.monotonic()
             try:
                 getattr(scenarios, name)()
                 passed += 1
-                print(f"board: {name} passed ({time.monotonic() - began:.1f} s)")
+                print(f"board: {init.name}: {name} passed ({time.monotonic() - began:.1f} s)")
             except (AssertionError, BoardError) as error:
-                failed.append(name)
-                print(f"board: {name} FAILED: {error}")
-                print("board: the daemon's records so far:")
-                print(board.records())
-                break  # later scenarios start from the state this one leaves
+                print(f"board: {init.name}: {name} FAILED: {error}")
+                print(f"board: {init.name}: the daemon's records so far:")
+                print(scenarios.records())
+                print(init.status())
+                return passed, 1  # later scenarios start from the state this one leaves
     finally:
         board.close()
-    print(f"{passed} passed, {len(failed)} failed")
+        print(f"board: {init.name}: done in {time.monotonic() - started:.1f} s")
+    return passed, 0
+
+
+def main():
+    images, workdir, replay_tool = sys.argv[1:4]
+    chosen = sys.argv[4:] or list(SCENARIOS)
+    os.makedirs(workdir, exist_ok=True)
+    stick, two = os.path.join(workdir, "stick.img"), os.path.join(workdir, "two.img")
+    make_stick(stick, [("fat", 16)])
+    make_stick(two, [("fat", 16), ("ext4", 16)])
+    passed = failed = 0
+    for name in chosen:
+        board_passed, board_failed = run_board(INITS[name], images, workdir,
+                                               None if replay_tool == "-" else replay_tool,
+                                               [("stick", stick), ("two", two)])
+        passed, failed = passed + board_passed, failed + board_failed
+    print(f"{passed} passed, {failed} failed")
     return 1 if failed else 0
 
 

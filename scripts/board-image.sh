@@ -122,7 +122,7 @@ done
 
 # Modules with their dependencies, in load order.
 modules=(xhci-pci usb-storage sd_mod ftdi_sio cdc_ether msdos vfat nls_cp437 nls_ascii ext4
-         virtio_mmio virtio_blk)
+         exfat nls_utf8 virtio_mmio virtio_blk)
 for module in "${modules[@]}"; do
     modprobe -d "$kernel_tree" -S "$version" --show-depends "$module"
 done | awk '$1 == "insmod" && !seen[$2]++ { print $2 }' |

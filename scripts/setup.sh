@@ -3,8 +3,8 @@
 # everything is there already.
 set -euo pipefail
 
-# qemu-system-arm, dosfstools, mtools, kmod and cpio: the emulated boards
-# (scripts/board-image.sh, tests/board).
+# qemu-system-arm, dosfstools, exfatprogs, mtools, kmod and cpio: the emulated
+# boards and the sticks plugged into them (scripts/board-image.sh, tests/board).
 # python3-magic and flake8: Buildroot's package linter; mandoc: the man pages' lint
 # (scripts/check-packaging.sh).
 # g++-12-multilib rather than g++-multilib: the latter conflicts with the ARM
@@ -13,7 +13,7 @@ packages=(cmake g++ g++-12-multilib g++-arm-linux-gnueabihf googletest libgtest-
           libbenchmark-dev qemu-user qemu-user-static clang clang-tidy clang-format cppcheck
           libclang-rt-14-dev valgrind busybox shellcheck systemd man-db groff-base
           e2fsprogs fdisk util-linux mount iproute2 make python3-magic flake8
-          qemu-system-arm dosfstools mtools kmod cpio python3 mandoc)
+          qemu-system-arm dosfstools exfatprogs mtools kmod cpio python3 mandoc)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

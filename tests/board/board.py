@@ -105,8 +105,19 @@ class Board:
                 raise BoardError(f"QMP {name} {arguments}: {reply['error']['desc']}")
 
     def plug(self, device_id, driver, port, **properties):
-        self.command("device_add", driver=driver, id=device_id, bus="xhci.0", port=port,
-                     **properties)
+        # QEMU lets go of a drive a moment after the device that used it.
+        self.wait_for(lambda: self._try_plug(device_id, driver, port, properties),
+                      f"{properties.get('drive', device_id)} free to plug again")
+
+    def _try_plug(self, device_id, driver, port, properties):
+        try:
+            self.command("device_add", driver=driver, id=device_id, bus="xhci.0", port=port,
+                         **properties)
+            return True
+        except BoardError as error:
+            if "Permission conflict" not in str(error):
+                raise
+            return False
 
     def unplug(self, device_id):
         self.command("device_del", id=device_id)

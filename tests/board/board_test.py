@@ -9,6 +9,7 @@ mounts what came meanwhile, an orderly stop, and the records in the system log.
 Usage: board_test.py IMAGES WORKDIR REPLAY-TOOL|- [INIT...]   (default: all)"""
 
 import collections
+import json
 import os
 import re
 import subprocess
@@ -24,13 +25,35 @@ State = collections.namedtuple("State", "mounts links info")
 GLOBAL_MAC = "00:1b:21:0a:0b:0c"
 SECTOR = 512
 STICK_FILE = ("board.txt", "written on the host\n")
+MKFS = {"fat": ["mkfs.fat", "-F", "16"], "fat32": ["mkfs.fat", "-F", "32", "-s", "1"],
+        "exfat": ["mkfs.exfat"], "ext4": ["mke2fs", "-q", "-t", "ext4"]}
+GPT_DATA, GPT_LINUX = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", "0FC63DAF-8483-4772-8E79-3D69D8477DE4"
+# What a field engineer plugs in: the medium, its disc's layout, what the daemon
+# must make of each partition (a file system type, or None: refused with the
+# Warn, no directory left), and what the image's kernel needs for it. The
+# daemon's man page has the same table (MEDIA).
+MEDIA = [
+    ("FAT32", "dos", [("fat32", 48, "c")], {"sda1": "vfat"},
+     "vfat with its default codepage and iocharset (nls_cp437, nls_ascii)"),
+    ("exFAT", "dos", [("exfat", 16, "7")], {"sda1": "exfat"}, "CONFIG_EXFAT_FS, nls_utf8"),
+    ("GPT, FAT and ext4", "gpt", [("fat", 16, GPT_DATA), ("ext4", 16, GPT_LINUX)],
+     {"sda1": "vfat", "sda2": "ext4"}, "CONFIG_EFI_PARTITION, vfat, ext4"),
+    ("MBR, extended with logical FAT and ext4", "dos",
+     [("fat", 16, "c"), (None, 36, "5"), ("fat", 16, "c"), ("ext4", 16, "83")],
+     {"sda1": "vfat", "sda2": None, "sda5": "vfat", "sda6": "ext4"},
+     "CONFIG_MSDOS_PARTITION, vfat, ext4"),
+    ("no partition table (superfloppy)", None, [("fat", 16, None)], {}, "-"),
+    ("unformatted partition", "dos", [(None, 16, "83")], {"sda1": None}, "-"),
+]
+USB2, USB4 = "/ravo500/devs/usb1-2/usbdev", "/ravo500/devs/usb1-4/usbdev"
 LEVELS = {"Debug": 7, "Info": 6, "Warn": 4, "Error": 3, "Fatal": 2}
 HANDLER_END = "[Debug] HotplugHandlerThread: Thread terminated"
 LAST_RECORD = "[Debug] HotplugNetlink: Process terminated"
 SCENARIOS = {
     "busybox": ("started_by_init", "cold_plug", "stick_unplug", "two_partitions",
                 "serial_adapter", "ethernet_adapters", "hot_plug", "restart_and_scan",
-                "capture_replayed", "system_log"),
+                "capture_replayed", "media", "two_sticks", "second_hub", "pulled_while_used",
+                "storm", "hub_pulled", "system_log"),
     "systemd": ("started_by_init", "cold_plug", "stick_unplug", "hot_plug", "restart_and_scan",
                 "security", "orderly_stop", "system_log"),
     "sysvinit": ("started_by_init", "cold_plug", "stick_unplug", "hot_plug", "restart_and_scan",
@@ -42,29 +65,42 @@ SCENARIOS = {
 }
 
 
-def make_stick(path, partitions):
-    """A disc image with an MBR: partitions is a list of (file system, MiB); the
-    first holds STICK_FILE."""
-    start = 2048
-    layout, filesystems = [], []
-    for filesystem, mebibytes in partitions:
-        sectors = mebibytes * 2048
-        layout.append(f"start={start}, size={sectors}, type={'c' if filesystem == 'fat' else '83'}")
-        filesystems.append((filesystem, start, sectors))
-        start += sectors
+def make_disc(path, label, partitions):
+    """A disc image. label: "dos" or "gpt", or None for one file system on the
+    whole disc (a superfloppy). partitions: (file system or None, MiB, type);
+    after a type 5 (extended) partition the next ones are logical. The first
+    FAT file system holds STICK_FILE."""
     with open(path, "wb") as image:
-        image.truncate(start * SECTOR)
-    subprocess.run(["sfdisk", "-q", path], input="\n".join(layout) + "\n", text=True, check=True)
-    for filesystem, first, sectors in filesystems:
-        if filesystem == "fat":
-            command = ["mkfs.fat", "-F", "16", "--offset", str(first), path, str(sectors // 2)]
-        else:
-            command = ["mke2fs", "-q", "-t", "ext4", "-E", f"offset={first * SECTOR}", path,
-                       f"{sectors // 2}k"]
-        subprocess.run(command, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    name, text = STICK_FILE
-    if partitions[0][0] == "fat":
-        subprocess.run(["mcopy", "-i", f"{path}@@{filesystems[0][1] * SECTOR}", "-", f"::{name}"],
+        image.truncate((sum(mebibytes for _, mebibytes, _ in partitions) + 4) << 20)
+    starts = [0]
+    if label:
+        numbers, extended = [], False
+        for _, _, kind in partitions:  # logical partitions count from 5
+            numbers.append(max(numbers[-1] + 1 if numbers else 1, 5 if extended else 1))
+            extended = extended or kind == "5"
+        script = f"label: {label}\n" + "".join(
+            f"{path}{number} : size={mebibytes}MiB, type={kind}\n"
+            for number, (_, mebibytes, kind) in zip(numbers, partitions))
+        subprocess.run(["sfdisk", "-q", path], input=script, text=True, check=True)
+        table = json.loads(subprocess.run(["sfdisk", "-J", path], capture_output=True,
+                                          text=True, check=True).stdout)
+        starts = [entry["start"] for entry in table["partitiontable"]["partitions"]]
+    with tempfile.TemporaryDirectory() as scratch:
+        for (filesystem, mebibytes, _), start in zip(partitions, starts):
+            if filesystem:
+                part = os.path.join(scratch, "part")
+                with open(part, "wb") as image:
+                    image.truncate(mebibytes << 20)
+                subprocess.run(MKFS[filesystem] + [part], check=True, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
+                with open(part, "rb") as source, open(path, "r+b") as disc:
+                    disc.seek(start * SECTOR)
+                    disc.write(source.read())
+    fat = next((start for (filesystem, _, _), start in zip(partitions, starts)
+                if filesystem in ("fat", "fat32")), None)
+    if fat is not None:
+        name, text = STICK_FILE
+        subprocess.run(["mcopy", "-i", f"{path}@@{fat * SECTOR}", "-", f"::{name}"],
                        input=text, text=True, check=True)
 
 
@@ -294,6 +330,108 @@ class Scenarios:
                    or record.priority == LEVELS["Warn"] and "priority" in record.text]
         assert not refused, "\n".join(refused)
 
+    def media(self):
+        """Each kind of stick of MEDIA plugged at port 2: what the daemon mounts
+        (read-only, as which type) and refuses (the Warn, no directory left),
+        nothing for a disc without partitions, and no Error; printed as measured."""
+        table = ["| medium | what the daemon did | the kernel needs |", "|---|---|---|"]
+        for index, (kind, _, _, expected, needs) in enumerate(MEDIA):
+            before = len(self.init.log())
+            self.board.plug(f"medium{index}", "usb-storage", "1.2", drive=f"medium{index}")
+            wanted = {f"/mnt/usb/{name}" for name, filesystem in expected.items() if filesystem}
+            self.wait_state(f"{kind}: usb1-2/usbdev and the mounts {sorted(wanted)}",
+                            lambda s: USB2 in s.links and wanted <= set(s.mounts))
+            for name in (name for name, filesystem in expected.items() if not filesystem):
+                self.wait_record(f"Unable to mount {name}, filesystem not supported")
+                self.board.run(f"test ! -e /mnt/usb/{name}")
+            mounted = {path[len("/mnt/usb/"):]: entry for path, entry in self.mounts().items()}
+            self.board.unplug(f"medium{index}")
+            self.wait_state(f"{kind} released", lambda s: not s.mounts and USB2 not in s.links)
+            window = [record.text for record in self.init.log()[before:]]
+            found = [text.split(": ")[-1] for text in window if "New disc partition found" in text]
+            assert sorted(found) == sorted(expected), f"{kind}: partitions handled: {found}"
+            assert not [text for text in window if text.startswith("[Error]")], window
+            for name, filesystem in expected.items():
+                assert mounted.get(name, (None, "ro,"))[0] == filesystem, f"{kind}: {mounted}"
+                assert mounted.get(name, (None, "ro,"))[1].startswith("ro,"), mounted
+            did = "; ".join(f"{name}: mounted {mounted[name][0]}, read-only" if name in mounted
+                            else f"{name}: the Warn, not mounted" for name in sorted(expected))
+            table.append(f"| {kind} | {did or 'nothing mounted, no record about it'} | {needs} |")
+        print("board: the media as measured (the man page's MEDIA):\n" + "\n".join(table))
+
+    def two_sticks(self):
+        """Two sticks at once on ports 2 and 4: both mounted and linked; pulling
+        one leaves the other as it was."""
+        self.board.plug("stick", "usb-storage", "1.2", drive="stick")
+        self.board.plug("stick2", "usb-storage", "1.4", drive="stick2")
+        self.wait_state("both sticks mounted and linked",
+                        lambda s: len(s.mounts) == 2 and {USB2, USB4} <= set(s.links))
+        both = self.state()
+        self.board.unplug("stick")
+        self.wait_state("the stick on port 2 released",
+                        lambda s: USB2 not in s.links and len(s.mounts) == 1)
+        left = self.state()
+        assert left.links[USB4] == both.links[USB4], left.links
+        assert all(both.mounts.get(path) == entry for path, entry in left.mounts.items()), left
+        self.board.unplug("stick2")
+        self.wait_state("the stick on port 4 released",
+                        lambda s: not s.mounts and USB4 not in s.links)
+
+    def second_hub(self):
+        """A hub on port 4 with a stick on its port 1: the hub gets usb1-4/usbdev,
+        the stick is mounted but gets no link (a Warn names its path component),
+        and pulling the hub releases both. (The stick's drive stays with QEMU's
+        orphaned device: it is not plugged again.)"""
+        links = set(self.links())
+        self.board.plug("hub2", "usb-hub", "1.4")
+        self.board.plug("deep", "usb-storage", "1.4.1", drive="two")
+        self.wait_state("the stick behind the second hub mounted",
+                        lambda s: len(s.mounts) == 2 and USB4 in s.links)
+        self.wait_record(r"\[Warn \] HotplugHandlerThread: .*\(string = 1-1\.4\.1\)")
+        assert set(self.links()) == links | {USB4}, self.links()
+        self.board.unplug("hub2")
+        self.wait_state("the hub and the stick released",
+                        lambda s: not s.mounts and USB4 not in s.links)
+
+    def pulled_while_used(self):
+        """A stick pulled while a program has its working directory on it: the
+        mount is detached at once and its directory removed."""
+        self.board.plug("stick", "usb-storage", "1.2", drive="stick")
+        self.wait_state("the stick mounted", lambda s: "/mnt/usb/sda1" in s.mounts)
+        pid = self.board.run("(cd /mnt/usb/sda1 && exec sleep 600) >/dev/null 2>&1 & echo $!")
+        assert self.board.run(f"readlink /proc/{pid.strip()}/cwd") == "/mnt/usb/sda1"
+        self.board.unplug("stick")
+        self.wait_state("the busy stick detached", lambda s: not s.mounts)
+        self.board.run("test ! -e /mnt/usb/sda1 && ! grep -q ' /mnt/usb' /proc/mounts")
+        self.board.run(f"kill {pid.strip()}")
+
+    def storm(self):
+        """The same stick plugged and pulled 20 times as fast as QEMU takes it:
+        the daemon keeps running, and once a stick plugged afterwards is mounted
+        (events are handled in order) nothing of the storm is left."""
+        pid = self.daemon_pid()
+        for _ in range(20):
+            self.board.plug("stick", "usb-storage", "1.2", drive="stick")
+            self.board.unplug("stick")
+        self.hot_plug()
+        state = self.state()
+        assert list(state.mounts) == ["/mnt/usb/sda1"], state.mounts
+        assert self.board.run("ls /mnt/usb").split() == ["sda1"], "directories left by the storm"
+        assert self.daemon_pid() == pid, "the daemon was restarted during the storm"
+        self.stick_unplug()
+
+    def hub_pulled(self):
+        """The hub pulled with a stick, the serial adapter and the Ethernet adapter
+        on the cascading port behind it: every mount, link and the info file go."""
+        self.board.plug("stick", "usb-storage", "1.2", drive="stick")
+        self.board.plug("net6", "usb-net", "1.6", mac=GLOBAL_MAC)
+        self.wait_state("a stick, a serial and an Ethernet adapter behind the hub",
+                        lambda s: s.mounts and "/ravo500/devs/usb1-3/uart0" in s.links and s.info)
+        self.board.unplug("hub")
+        self.wait_state("everything behind the hub released",
+                        lambda s: not s.mounts and not s.links and s.info is None)
+        self.board.run("test -z \"$(ls /mnt/usb)\"")
+
     def capture_replayed(self):
         """A capture taken on the board replays on the host with the same handler records."""
         if not self.replay_tool:
@@ -378,14 +516,19 @@ def main():
     images, workdir, replay_tool = sys.argv[1:4]
     chosen = sys.argv[4:] or list(SCENARIOS)
     os.makedirs(workdir, exist_ok=True)
-    stick, two = os.path.join(workdir, "stick.img"), os.path.join(workdir, "two.img")
-    make_stick(stick, [("fat", 16)])
-    make_stick(two, [("fat", 16), ("ext4", 16)])
+    discs = [("stick", "dos", [("fat", 16, "c")]), ("stick2", "dos", [("fat", 16, "c")]),
+             ("two", "dos", [("fat", 16, "c"), ("ext4", 16, "83")])]
+    discs += [(f"medium{index}", label, layout)
+              for index, (_, label, layout, _, _) in enumerate(MEDIA)]
+    sticks = []
+    for name, label, layout in discs:
+        make_disc(os.path.join(workdir, f"{name}.img"), label, layout)
+        sticks.append((name, os.path.join(workdir, f"{name}.img")))
     passed = failed = 0
     for name in chosen:
         board_passed, board_failed = run_board(INITS[name], images, workdir,
                                                None if replay_tool == "-" else replay_tool,
-                                               [("stick", stick), ("two", two)])
+                                               sticks)
         passed, failed = passed + board_passed, failed + board_failed
     print(f"{passed} passed, {failed} failed")
     return 1 if failed else 0

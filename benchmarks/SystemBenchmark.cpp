@@ -600,31 +600,16 @@ void bufferSection(const std::string& daemon)
         const Adapter one = adapter(index);
         datagrams.push_back(Uevent::ttyUsb("add", one.devpath, one.devname).datagram());
     }
-    const pid_t pid = run.sandbox->pid();
     run.sandbox->signal(SIGSTOP);
     run.sandbox->injectRawBurst(datagrams.data(), datagrams.size());
-    // /proc/PID/net is the daemon's own network namespace: its uevent socket's
-    // row holds the bytes queued (Rmem) and the datagrams dropped (Drops).
-    std::ifstream table("/proc/" + std::to_string(pid) + "/net/netlink");
-    std::string line;
-    long queued = -1;
-    long dropped = -1;
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        std::string socket;
-        long protocol = 0, port = 0, groups = 0, rmem = 0, wmem = 0, dump = 0, locks = 0, drops = 0;
-        if (fields >> socket >> protocol >> port >> std::hex >> groups >> std::dec >> rmem >>
-                wmem >> dump >> locks >> drops &&
-            protocol == 15 && port == pid) {
-            queued = rmem;
-            dropped = drops;
-        }
-    }
+    // The row of the daemon's uevent socket holds the bytes queued and the datagrams dropped.
+    const auto socket = run.sandbox->ueventSocket();
     run.sandbox->signal(SIGKILL);
-    if (queued < 0) {
-        failLoudly("the daemon's uevent socket is not in /proc/" + std::to_string(pid) +
-                   "/net/netlink");
+    if (!socket) {
+        failLoudly("the daemon's uevent socket is not in its /proc/PID/net/netlink");
     }
+    const long queued = static_cast<long>(socket->queuedBytes);
+    const long dropped = static_cast<long>(socket->dropped);
     std::printf("a frozen daemon's socket held %ld of %d serial-adapter adds sent at once "
                 "(%ld bytes queued, %ld bytes a datagram on the wire)\n",
                 sent - dropped, sent, queued, static_cast<long>(datagrams[0].size()));

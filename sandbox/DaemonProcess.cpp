@@ -318,16 +318,17 @@ std::vector<DaemonProcess::NetlinkSocket> DaemonProcess::netlinkSockets(pid_t pi
     const std::string path = "/proc/" + std::to_string(pid) + "/net/netlink";
     std::ifstream table(path);
     std::string line;
-    if (!std::getline(table, line)) { // header: sk Eth Pid Groups Rmem Wmem ...
+    if (!std::getline(table, line)) { // header: sk Eth Pid Groups Rmem Wmem Dump Locks Drops
         throw std::runtime_error("DaemonProcess: cannot read " + path);
     }
     std::vector<NetlinkSocket> sockets;
     while (std::getline(table, line)) {
         std::istringstream fields(line);
         std::string address;
+        unsigned long skipped = 0;
         NetlinkSocket socket;
         fields >> address >> socket.protocol >> socket.port >> std::hex >> socket.groups >>
-            std::dec >> socket.queuedBytes;
+            std::dec >> socket.queuedBytes >> skipped >> skipped >> skipped >> socket.dropped;
         if (fields) {
             sockets.push_back(socket);
         }

@@ -38,6 +38,7 @@ public:
         unsigned long port = 0;
         unsigned long groups = 0;
         unsigned long queuedBytes = 0;
+        unsigned long dropped = 0; // datagrams the kernel could not queue
     };
     // The table of a process's network namespace; throws when it cannot be read.
     static std::vector<NetlinkSocket> netlinkSockets(pid_t pid);

@@ -9,7 +9,7 @@ bash scripts/setup.sh
 jobs=$(nproc)
 cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DDHH_WERROR=ON >/dev/null
 cmake --build build/bench -j "$jobs" --target device_hotplug_handler dhh_micro_benchmarks \
-    dhh_system_benchmark
+    dhh_system_benchmark hotplug_capture dhh_capture_benchmark
 cmake -S . -B build/bench-m32 -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
     -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-m32.cmake >/dev/null
 cmake --build build/bench-m32 -j "$jobs" --target device_hotplug_handler
@@ -31,6 +31,9 @@ system=$($benchmark build/bench/daemon/device_hotplug_handler \
     build/bench-m32/daemon/device_hotplug_handler)
 no_pause=$($benchmark --only=burst build/bench-no-pause/daemon/device_hotplug_handler)
 shared_runtime=$($benchmark --only=idle build/bench-shared-runtime/daemon/device_hotplug_handler)
+# DHH_CAPTURE_BEFORE="LABEL=PATH": an earlier hotplug_capture, measured beside this one.
+capture=$(build/bench/benchmarks/dhh_capture_benchmark \
+    "this build=build/bench/capture/hotplug_capture" ${DHH_CAPTURE_BEFORE:+"$DHH_CAPTURE_BEFORE"})
 
 {
     echo "# Performance"
@@ -79,5 +82,13 @@ EOF
     echo "A daemon built with \`-DDHH_STATIC_LIBSTDCXX=OFF\`, for comparison with the footprint above:"
     echo
     echo "$shared_runtime"
+    echo
+    echo "## hotplug_capture"
+    echo
+    echo "CPU time of the capture tool per datagram, taking a burst of 5,000 serial-adapter adds"
+    echo "queued while it stood still: what it costs beside the daemon during a fault"
+    echo "(\`benchmarks/CaptureBenchmark.cpp\`, system calls included)."
+    echo
+    echo "$capture"
 } >docs/performance.md
 cat docs/performance.md

@@ -1,20 +1,19 @@
-// Capture and replay: every datagram comes back from the text form byte for
-// byte, bad input names its line;
-// the tool's messages and exit codes; real kernel uevents of a partition
-// captured, then replayed against the daemon.
+// The capture's text form: every datagram comes back byte for byte, bad input
+// names its line, a cut file reads up to its cut. hotplug_capture as a program:
+// its messages and exit codes, its limits, its signals during a backlog and a
+// full disk. (The board captures real kernel uevents and replays them.)
 #include "capture/CaptureReader.h"
 #include "capture/CaptureWriter.h"
-#include "replay/ReplaySession.h"
 #include "sandbox/Namespaces.h"
+#include "sandbox/SimulatedDevice.h"
+#include "tests/capture/ToolRun.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fstream>
 #include <memory>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
 
@@ -115,64 +114,14 @@ TEST(CaptureTool, ReportsBadOptionsAndEndsOnItsLimit)
              {"-s 15K", 2, "-s needs at least 16K"},
              {"-t5 --sysfs -s 16K -o /tmp/dhh-capture-limit", 0,
               "(the size limit (16384 bytes))"}}) {
-        FILE* pipe = popen((std::string(DHH_CAPTURE_PATH " ") + arguments + " 2>&1").c_str(), "r");
-        std::string output(4096, '\0');
-        output.resize(fread(&output[0], 1, output.size(), pipe));
-        EXPECT_EQ(WEXITSTATUS(pclose(pipe)), status) << arguments;
-        EXPECT_NE(output.find(message), std::string::npos) << arguments << ": " << output;
+        const ToolRun run = ToolRun::shell(std::string(DHH_CAPTURE_PATH " ") + arguments);
+        EXPECT_EQ(run.status, status) << arguments;
+        EXPECT_NE(run.output.find(message), std::string::npos) << arguments << ": " << run.output;
     }
     struct stat limited {};
     EXPECT_EQ(stat("/tmp/dhh-capture-limit", &limited), 0);
     EXPECT_LE(limited.st_size, 16384) << "the capture grew past its limit";
     unlink("/tmp/dhh-capture-limit");
-}
-
-TEST(CaptureTool, KernelUeventsOfAPartitionReplayAgainstTheDaemon)
-{
-    std::string why;
-    if (!Sandbox::Namespaces::canRun(why) || !Sandbox::LoopDisk::available(why)) {
-        GTEST_SKIP() << "needs root, namespaces and loop devices: " << why;
-    }
-    Sandbox::LoopDisk disk({{8, "ext4"}});
-    const std::string file = "/tmp/dhh-capture-" + std::to_string(getpid());
-    FILE* shell =
-        popen((DHH_CAPTURE_PATH " -t 60 -o " + file + " 2>/dev/null & echo $!").c_str(), "r");
-    pid_t capture = 0;
-    EXPECT_EQ(fscanf(shell, "%d", &capture) + pclose(shell), 1);
-    std::string text;
-    const auto seen = [&](const std::string& part) {
-        return Sandbox::SimulatedDevice::waitUntil(
-            [&] {
-                return std::getline(std::ifstream(file), text, '\0') &&
-                       text.find(part) != std::string::npos;
-            },
-            10000);
-    };
-    if (seen("receive buffer")) { // listening
-        disk.triggerUevent(1, "add");
-        disk.triggerUevent(1, "remove");
-        EXPECT_TRUE(seen("remove   " + disk.partitionDevpath(1) + " (block)"));
-    }
-    kill(capture, SIGINT);
-    EXPECT_TRUE(seen("ended by SIGINT"));
-    unlink(file.c_str());
-    // Other tests' loop devices come and go meanwhile: only this partition's events.
-    auto records = CaptureReader::read(text);
-    records.erase(std::remove_if(records.begin(), records.end(),
-                                 [&](const auto& record) {
-                                     return record.value("DEVPATH") != disk.partitionDevpath(1);
-                                 }),
-                  records.end());
-    ASSERT_EQ(records.size(), 2U) << text;
-    Replay::ReplaySession session(records, {DHH_DAEMON_PATH, true, {}, {}, nullptr});
-    session.start();
-    for (const auto& expected : std::vector<std::vector<std::string>>{
-             {"mount /mnt/usb/" + disk.partitionName(1) + " ext4 ro,relatime"}, {}}) {
-        ASSERT_TRUE(session.sendNext());
-        session.settle();
-        EXPECT_EQ(session.state(), expected);
-    }
-    EXPECT_EQ(session.stop(), 0);
 }
 
 // hotplug_capture in a sandbox of its own, where only injected datagrams arrive.
